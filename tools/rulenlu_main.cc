@@ -1,1 +1,177 @@
-int main() { return 0; }
+// rulenlu: runs queries through the engine from the command line.
+//
+//   rulenlu parse --config FILE [--quiet] [--state DIR [--wait-update SECONDS]] [QUERY ...]
+//
+// Prints one compact JSON result per query on stdout and nothing else; the engine's log lines
+// go to stderr (or nowhere with --quiet). Exit status: 0 when the configuration loaded, 1 when
+// it did not, 2 on a usage error.
+#include <CLI/CLI.hpp>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "config/local_config.h"
+#include "devhost/dev_host.h"
+#include "engine/engine_slot.h"
+#include "engine/log.h"
+#include "engine/nlu_engine.h"
+#include "result_json.h"
+#include "rulenlu/engine_api.h"
+#include "services/config_update.h"
+
+namespace {
+
+constexpr int kExitNoConfig = 1;
+constexpr int kExitUsage = 2;
+
+// Sends the engine's log lines to stderr, same bytes and order, or drops them.
+class ToolLogSink : public rulenlu::LogSink {
+ public:
+  explicit ToolLogSink(bool quiet) : quiet_(quiet) {}
+  void Write(rulenlu::LogStream, std::string_view bytes) override {
+    if (!quiet_) std::fwrite(bytes.data(), 1, bytes.size(), stderr);
+  }
+
+ private:
+  bool quiet_;
+};
+
+struct ParseOptions {
+  std::string config;
+  bool quiet = false;
+  std::string state;
+  double wait_update = 0;
+  std::vector<std::string> queries;
+};
+
+int Fail(const std::string& message) {
+  std::fprintf(stderr, "rulenlu: %s\n", message.c_str());
+  return kExitNoConfig;
+}
+
+// Loads the configuration file as the engine loads its local file; null with a message on
+// failure.
+std::unique_ptr<rulenlu::NluEngine> BuildLocalEngine(const std::string& path, std::string* why) {
+  std::shared_ptr<rulenlu::NluConfig> config;
+  try {
+    config = rulenlu::LoadLocalNluConfig(path);
+  } catch (const std::exception& e) {
+    *why = "configuration " + path + " holds text that is not UTF-8 (" + e.what() + ")";
+    return nullptr;
+  }
+  if (config == nullptr) {
+    *why = "cannot load configuration " + path + " (missing, unreadable or not a JSON object)";
+    return nullptr;
+  }
+  auto engine = std::make_unique<rulenlu::NluEngine>();
+  try {
+    engine->Init(*config);
+  } catch (const std::exception& e) {
+    *why = "configuration " + path + " cannot be built: " + e.what();
+    return nullptr;
+  }
+  return engine;
+}
+
+// Runs each query (the arguments, else each line of stdin) through `answer`.
+template <typename Answer>
+void RunQueries(const std::vector<std::string>& queries, Answer answer) {
+  std::string line;
+  auto emit = [&](const std::string& query) {
+    rulenlu::FormatResultJson(answer(query), &line);
+    line.push_back('\n');
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fflush(stdout);
+  };
+  if (!queries.empty()) {
+    for (const std::string& query : queries) emit(query);
+    return;
+  }
+  std::string query;
+  while (std::getline(std::cin, query)) {
+    if (!query.empty() && query.back() == '\r') query.pop_back();
+    emit(query);
+  }
+}
+
+int RunParse(const ParseOptions& options) {
+  // Never destroyed: the background update may still log while the process ends.
+  rulenlu::SetLogSink(new ToolLogSink(options.quiet));
+
+  if (options.state.empty()) {
+    std::string why;
+    std::unique_ptr<rulenlu::NluEngine> engine = BuildLocalEngine(options.config, &why);
+    if (engine == nullptr) return Fail(why);
+    RunQueries(options.queries, [&](const std::string& query) { return engine->Process(query); });
+    return 0;
+  }
+
+  // Start exactly as the client does, with the development host's services.
+  static rulenlu::devhost::DevHost* host = new rulenlu::devhost::DevHost(options.state);
+  AttachServiceManager(host->manager());
+  InitEngin(options.config.c_str());
+  const bool loaded = rulenlu::CurrentEngine() != nullptr;
+  if (loaded) {
+    RunQueries(options.queries, [](const std::string& query) {
+      NluResult result;
+      Process(query, result);
+      return result;
+    });
+  }
+  if (options.wait_update > 0) {
+    const auto deadline = std::chrono::steady_clock::now() +
+                          std::chrono::milliseconds(static_cast<int64_t>(options.wait_update * 1000));
+    auto left = [&] {
+      return std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
+    };
+    if (!rulenlu::WaitForRemoteConfigUpdates(left()) || !host->WaitIdle(left())) {
+      std::fprintf(stderr, "rulenlu: the configuration update did not finish in time\n");
+    }
+  }
+  const int status = loaded ? 0 : Fail("cannot load configuration " + options.config);
+  // The update pass or a download may still run on other threads: end without running static
+  // destructors under their feet.
+  std::fflush(stdout);
+  std::fflush(stderr);
+  std::_Exit(status);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::ios::sync_with_stdio(false);
+  CLI::App app{"rulenlu: rule-based natural-language understanding"};
+  app.require_subcommand(1);
+  ParseOptions options;
+  CLI::App* parse = app.add_subcommand("parse", "Answer queries with the engine, one JSON line each");
+  parse->add_option("--config", options.config, "Configuration document (JSON)")->required();
+  parse->add_flag("--quiet", options.quiet, "Do not print the engine's log lines on stderr");
+  parse->add_option("--state", options.state,
+                    "Development host state directory: start as the client does, with its "
+                    "cached configuration and update");
+  parse->add_option("--wait-update", options.wait_update,
+                    "With --state: wait up to SECONDS for the configuration update to finish")
+      ->check(CLI::NonNegativeNumber);
+  parse->add_option("queries", options.queries, "Queries (default: one per line on stdin)");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    app.exit(e, std::cerr, std::cerr);
+    std::cerr << app.help();
+    return kExitUsage;
+  }
+  if (options.wait_update > 0 && options.state.empty()) {
+    std::cerr << "rulenlu: --wait-update needs --state\n" << parse->help();
+    return kExitUsage;
+  }
+  return RunParse(options);
+}

@@ -1,1 +1,133 @@
-// placeholder
+#include "config/config_parser.h"
+
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "config/json.h"
+#include "engine/log.h"
+#include "engine/text.h"
+
+namespace rulenlu {
+namespace {
+
+// GetString() is NUL-terminated, so both helpers stop at an embedded NUL character.
+std::string NarrowString(const rapidjson::Value& value) { return std::string(value.GetString()); }
+
+std::u16string WideString(const rapidjson::Value& value) {
+  return Utf8ToUtf16(std::string_view(value.GetString()));
+}
+
+// Returns the value of the member `name` of `object`, or nullptr when there is none. With a
+// repeated name the first occurrence is found.
+const rapidjson::Value* FindMember(const rapidjson::Value& object, const char* name) {
+  const auto it = object.FindMember(name);
+  return it == object.MemberEnd() ? nullptr : &it->value;
+}
+
+const rapidjson::Value* FindArray(const rapidjson::Value& object, const char* name) {
+  const rapidjson::Value* value = FindMember(object, name);
+  return value != nullptr && value->IsArray() ? value : nullptr;
+}
+
+const rapidjson::Value* FindObject(const rapidjson::Value& object, const char* name) {
+  const rapidjson::Value* value = FindMember(object, name);
+  return value != nullptr && value->IsObject() ? value : nullptr;
+}
+
+std::string FindNarrowString(const rapidjson::Value& object, const char* name) {
+  const rapidjson::Value* value = FindMember(object, name);
+  return value != nullptr && value->IsString() ? NarrowString(*value) : std::string();
+}
+
+// The string elements of `array`, converted, in order; other elements are skipped.
+std::vector<std::u16string> WideStrings(const rapidjson::Value& array) {
+  std::vector<std::u16string> strings;
+  for (const rapidjson::Value& element : array.GetArray()) {
+    if (element.IsString()) strings.push_back(WideString(element));
+  }
+  return strings;
+}
+
+std::vector<std::u16string> FindWideStrings(const rapidjson::Value& object, const char* name) {
+  const rapidjson::Value* array = FindArray(object, name);
+  return array != nullptr ? WideStrings(*array) : std::vector<std::u16string>();
+}
+
+IntentConfig ReadIntent(const rapidjson::Value& object) {
+  IntentConfig intent;
+  intent.name = FindNarrowString(object, "name");
+  intent.blackList = FindWideStrings(object, "blackList");
+  intent.regexRules = FindWideStrings(object, "regexRules");
+  if (const rapidjson::Value* slots = FindArray(object, "slots")) {
+    for (const rapidjson::Value& slot : slots->GetArray()) {
+      if (!slot.IsObject()) continue;
+      intent.slots.emplace_back(FindNarrowString(slot, "name"), FindNarrowString(slot, "tag"));
+    }
+  }
+  return intent;
+}
+
+}  // namespace
+
+std::shared_ptr<NluConfig> ParseNluConfig(const std::string& text) {
+  auto config = std::make_shared<NluConfig>();
+  rapidjson::Document doc;
+  if (!ParseJsonDocument(text, &doc) || !doc.IsObject()) {
+    LogPrintf("json is error.");
+    return nullptr;
+  }
+  const rapidjson::Value* version = FindMember(doc, "version");
+  if (version != nullptr && version->IsInt64()) config->version = version->GetInt64();
+  ParseVariableEntrys(doc, config);
+  ParseRegexVocabMap(doc, config);
+  ParseVocabMap(doc, config);
+  ParseIntentMap(doc, config);
+  return config;
+}
+
+void ParseVariableEntrys(const rapidjson::Value& root, const std::shared_ptr<NluConfig>& config) {
+  const rapidjson::Value* entries = FindArray(root, "variableEntrys");
+  if (entries == nullptr) return;
+  for (const rapidjson::Value& entry : entries->GetArray()) {
+    // Looking a member up in a non-object is undefined; such an element has no key anyway.
+    if (!entry.IsObject()) continue;
+    const rapidjson::Value* key = FindMember(entry, "key");
+    const rapidjson::Value* value = FindMember(entry, "value");
+    if (key == nullptr || value == nullptr || !key->IsString() || !value->IsString()) continue;
+    config->variableEntrys.emplace_back(NarrowString(*key), WideString(*value));
+  }
+}
+
+void ParseRegexVocabMap(const rapidjson::Value& root, const std::shared_ptr<NluConfig>& config) {
+  const rapidjson::Value* map = FindObject(root, "regexVocabMap");
+  if (map == nullptr) return;
+  for (const auto& member : map->GetObject()) {
+    if (!member.value.IsArray()) continue;
+    config->regexVocabMap[NarrowString(member.name)] = WideStrings(member.value);
+  }
+}
+
+void ParseVocabMap(const rapidjson::Value& root, const std::shared_ptr<NluConfig>& config) {
+  const rapidjson::Value* map = FindObject(root, "vocabMap");
+  if (map == nullptr) return;
+  for (const auto& member : map->GetObject()) {
+    if (!member.value.IsArray()) continue;
+    std::set<std::u16string> words;
+    for (const rapidjson::Value& element : member.value.GetArray()) {
+      if (element.IsString()) words.insert(WideString(element));
+    }
+    config->vocabMap[NarrowString(member.name)] = std::move(words);
+  }
+}
+
+void ParseIntentMap(const rapidjson::Value& root, const std::shared_ptr<NluConfig>& config) {
+  const rapidjson::Value* map = FindObject(root, "intentMap");
+  if (map == nullptr) return;
+  for (const auto& member : map->GetObject()) {
+    if (!member.value.IsObject()) continue;
+    config->intentMap[NarrowString(member.name)] = ReadIntent(member.value);
+  }
+}
+
+}  // namespace rulenlu

@@ -1,0 +1,48 @@
+#include "nlu/ranker.h"
+
+#include <utility>
+
+#include "engine/log.h"
+
+namespace rulenlu {
+namespace {
+
+IntentCandidate Unknown(const std::u16string& query) {
+  IntentCandidate unknown;
+  unknown.intent = "unknown";
+  unknown.text = query;
+  return unknown;
+}
+
+}  // namespace
+
+IntentCandidate Ranker::Rank(const std::u16string& query, std::vector<IntentCandidate> candidates,
+                             int& status) const {
+  try {
+    if (candidates.empty()) return Unknown(query);
+    // A strict comparison keeps the first of equally ranked candidates.
+    CandidateScore best = Score(candidates[0], 0);
+    for (size_t i = 1; i < candidates.size(); ++i) {
+      const CandidateScore score = Score(candidates[i], static_cast<int32_t>(i));
+      if (RanksBefore(score, best)) best = score;
+    }
+    return std::move(candidates.at(static_cast<size_t>(best.index)));
+  } catch (...) {
+    LogLine(LogStream::kStderr, {"ranker process exception!"});
+    status = kStatusRankerFailed;
+    return Unknown(query);
+  }
+}
+
+CandidateScore Ranker::Score(const IntentCandidate& candidate, int32_t index) {
+  uint32_t total = 0;  // unsigned, so that the sum wraps around instead of overflowing
+  for (const SlotMatch& slot : candidate.slots) total += static_cast<uint32_t>(slot.length);
+  return {static_cast<int32_t>(candidate.slots.size()), static_cast<int32_t>(total), index};
+}
+
+bool Ranker::RanksBefore(const CandidateScore& a, const CandidateScore& b) {
+  if (a.totalLength != b.totalLength) return a.totalLength > b.totalLength;
+  return a.slotCount < b.slotCount;
+}
+
+}  // namespace rulenlu

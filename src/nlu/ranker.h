@@ -1,0 +1,43 @@
+// The last stage of the query pipeline: chooses one candidate among those the parser found.
+//
+// A Ranker has no state; Rank may run on any number of threads at once.
+#ifndef RULENLU_NLU_RANKER_H_
+#define RULENLU_NLU_RANKER_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "engine/records.h"
+
+namespace rulenlu {
+
+// What ranking looks at in one candidate.
+struct CandidateScore {
+  int32_t slotCount;    // number of slots, truncated to 32 bits
+  int32_t totalLength;  // sum of the slots' lengths, wrapping around in 32 bits
+  int32_t index;        // position in the candidate list
+};
+
+class Ranker {
+ public:
+  // Returns the candidate whose slots cover the most units; among those, the one with the
+  // fewest slots; among those, the earliest in `candidates`. Neither the intent nor where the
+  // slots stand counts, and overlapping slots count in full. With no candidate, returns
+  // "unknown" with `query` as text and no slots. On success `status` is not touched. On any
+  // failure logs "ranker process exception!" on stderr, sets `status` to -3 and returns the
+  // "unknown" result.
+  IntentCandidate Rank(const std::u16string& query, std::vector<IntentCandidate> candidates,
+                       int& status) const;
+
+  // The score of `candidate`, found at position `index`.
+  static CandidateScore Score(const IntentCandidate& candidate, int32_t index);
+
+  // True when `a` ranks strictly before `b`: greater totalLength, or equal totalLength and
+  // fewer slots. The index takes no part.
+  static bool RanksBefore(const CandidateScore& a, const CandidateScore& b);
+};
+
+}  // namespace rulenlu
+
+#endif  // RULENLU_NLU_RANKER_H_

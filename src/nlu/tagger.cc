@@ -1,0 +1,252 @@
+#include "nlu/tagger.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <string_view>
+
+#include "engine/log.h"
+#include "engine/text.h"
+
+namespace rulenlu {
+namespace {
+
+bool IsLineTerminator(char16_t unit) {
+  return unit == u'\n' || unit == u'\r' || unit == 0x2028 || unit == 0x2029;
+}
+
+// Finds the first variable reference in `text` at or after `from`: "${", the shortest run of
+// units other than line terminators, "}" (the ECMAScript pattern \$\{(.*?)\}). Sets `*start` and
+// `*length` to the whole reference. Scanned by hand rather than with a regex so that a pattern
+// of any length expands without deep recursion.
+bool FindReference(std::u16string_view text, size_t* start, size_t* length) {
+  for (size_t dollar = text.find(u"${"); dollar != std::u16string_view::npos;
+       dollar = text.find(u"${", dollar + 1)) {
+    for (size_t i = dollar + 2; i < text.size() && !IsLineTerminator(text[i]); ++i) {
+      if (text[i] == u'}') {
+        *start = dollar;
+        *length = i + 1 - dollar;
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+// One dictionary word found in the query.
+struct WordHit {
+  uint32_t vocab;
+  int32_t start;
+  int32_t length;
+};
+
+}  // namespace
+
+// The words of all vocabularies in one trie, flattened into arrays once it is built.
+class Tagger::WordTrie {
+ public:
+  // Vocabulary i is the i-th entry of `vocabularies`.
+  explicit WordTrie(const std::map<std::string, std::set<std::u16string>>& vocabularies);
+
+  // Calls visit(vocab, length) for every word that `text` begins with, by length and then by
+  // vocabulary; stops reading `text` as soon as no word continues.
+  template <typename Visit>
+  void ForEachPrefix(std::u16string_view text, Visit&& visit) const {
+    uint32_t node = 0;
+    for (size_t length = 1; length <= text.size(); ++length) {
+      node = Child(node, text[length - 1]);
+      if (node == kNone) return;
+      for (uint32_t i = first_end_[node]; i < first_end_[node + 1]; ++i) visit(ends_[i], length);
+    }
+  }
+
+ private:
+  static constexpr uint32_t kNone = 0;  // the root is never anyone's child
+
+  uint32_t Child(uint32_t node, char16_t unit) const {
+    const auto begin = edge_unit_.begin() + first_edge_[node];
+    const auto end = edge_unit_.begin() + first_edge_[node + 1];
+    const auto it = std::lower_bound(begin, end, unit);
+    if (it == end || *it != unit) return kNone;
+    return edge_child_[it - edge_unit_.begin()];
+  }
+
+  // Node n's edges are [first_edge_[n], first_edge_[n + 1]), ascending by unit.
+  std::vector<uint32_t> first_edge_;
+  std::vector<char16_t> edge_unit_;
+  std::vector<uint32_t> edge_child_;
+  // The vocabularies having a word that ends at node n: ends_[first_end_[n], first_end_[n + 1]),
+  // ascending.
+  std::vector<uint32_t> first_end_;
+  std::vector<uint32_t> ends_;
+};
+
+Tagger::WordTrie::WordTrie(const std::map<std::string, std::set<std::u16string>>& vocabularies) {
+  struct BuildNode {
+    std::map<char16_t, uint32_t> children;
+    std::vector<uint32_t> vocabs;
+  };
+  std::vector<BuildNode> nodes(1);
+  uint32_t vocab = 0;
+  for (const auto& [name, words] : vocabularies) {
+    for (const std::u16string& word : words) {
+      uint32_t node = 0;
+      for (char16_t unit : word) {
+        auto [it, inserted] = nodes[node].children.emplace(unit, 0);
+        if (inserted) {
+          it->second = static_cast<uint32_t>(nodes.size());
+          nodes.emplace_back();
+        }
+        node = it->second;
+      }
+      // Words are unique within a vocabulary, and vocabularies come in ascending order.
+      nodes[node].vocabs.push_back(vocab);
+    }
+    ++vocab;
+  }
+  first_edge_.reserve(nodes.size() + 1);
+  first_end_.reserve(nodes.size() + 1);
+  for (const BuildNode& node : nodes) {
+    first_edge_.push_back(static_cast<uint32_t>(edge_unit_.size()));
+    for (const auto& [unit, child] : node.children) {
+      edge_unit_.push_back(unit);
+      edge_child_.push_back(child);
+    }
+    first_end_.push_back(static_cast<uint32_t>(ends_.size()));
+    ends_.insert(ends_.end(), node.vocabs.begin(), node.vocabs.end());
+  }
+  first_edge_.push_back(static_cast<uint32_t>(edge_unit_.size()));
+  first_end_.push_back(static_cast<uint32_t>(ends_.size()));
+}
+
+Tagger::Tagger() : trie_(std::make_unique<WordTrie>(vocabMap)) {}
+
+Tagger::~Tagger() = default;
+
+void Tagger::Init(std::map<std::string, std::set<std::u16string>> vocab_map,
+                  std::map<std::string, std::vector<std::u16string>> regex_vocab_map,
+                  std::vector<std::pair<std::string, std::u16string>> variable_entries) {
+  vocabMap = std::move(vocab_map);
+  regexVocabMap = std::move(regex_vocab_map);
+  vocabMaxLen.clear();
+  regexVocabRegex.clear();
+
+  vocab_names_.clear();
+  for (const auto& [name, words] : vocabMap) {
+    int32_t longest = 0;
+    for (const std::u16string& word : words) {
+      longest = std::max(longest, static_cast<int32_t>(word.size()));
+    }
+    vocabMaxLen.emplace(name, longest);
+    vocab_names_.push_back(name);
+  }
+  trie_ = std::make_unique<WordTrie>(vocabMap);
+
+  LogLine(LogStream::kStdout, {"3333333333333333333333333"});
+  if (!SubstituteVariables(std::move(variable_entries))) return;
+
+  for (const auto& [name, patterns] : regexVocabMap) {
+    std::vector<Regex> compiled;
+    compiled.reserve(patterns.size());
+    for (const std::u16string& pattern : patterns) {
+      LogLine(LogStream::kStdout, {"pattern:", Utf16ToUtf8(pattern)});
+      compiled.emplace_back(pattern, RegexGrammar::kEcmaScript);
+    }
+    regexVocabRegex.emplace(name, std::move(compiled));
+  }
+}
+
+bool Tagger::SubstituteVariables(
+    std::vector<std::pair<std::string, std::u16string>> variable_entries) {
+  std::map<std::string, std::u16string> variables;
+  for (auto& [name, value] : variable_entries) {
+    std::u16string expanded = ReplaceVariables(std::move(value), variables);
+    if (expanded.empty()) return false;
+    variables.emplace(name, std::move(expanded));  // an earlier entry of the same name wins
+  }
+  for (auto& [name, patterns] : regexVocabMap) {
+    for (std::u16string& pattern : patterns) {
+      std::u16string expanded = ReplaceVariables(pattern, variables);
+      LogLine(LogStream::kStdout, {"new regex:", Utf16ToUtf8(expanded)});
+      if (expanded.empty()) return false;
+      pattern = std::move(expanded);
+    }
+  }
+  return true;
+}
+
+std::u16string Tagger::ReplaceVariables(std::u16string text,
+                                        const std::map<std::string, std::u16string>& variables) {
+  size_t start = 0;
+  size_t length = 0;
+  while (FindReference(text, &start, &length)) {
+    // The name sits between the leading "${" and the closing "}".
+    const std::string name =
+        Utf16ToUtf8(std::u16string_view(text).substr(start + 2, length - 3));
+    const auto found = variables.find(name);
+    if (found == variables.end()) return std::u16string();
+    text.replace(start, length, found->second);
+  }
+  return text;
+}
+
+std::vector<SlotMatch> Tagger::Process(const char* query, std::u16string* wide_query,
+                                       int& status) const {
+  std::vector<SlotMatch> tags;
+  try {
+    if (query == nullptr) throw std::invalid_argument("no query");
+    wide_query->clear();
+    AppendUtf8ToUtf16(query, wide_query);
+    TagVocab(*wide_query, &tags);
+    TagRegexVocab(*wide_query, &tags);
+  } catch (...) {
+    LogLine(LogStream::kStderr, {"tagger process exception!"});
+    status = kStatusTaggerFailed;
+    wide_query->clear();
+    return {};
+  }
+  return tags;
+}
+
+void Tagger::TagVocab(const std::u16string& query, std::vector<SlotMatch>* tags) const {
+  const std::u16string_view text(query);
+  std::vector<WordHit> hits;
+  for (size_t start = 0; start < text.size(); ++start) {
+    trie_->ForEachPrefix(text.substr(start), [&](uint32_t vocab, size_t length) {
+      hits.push_back({vocab, static_cast<int32_t>(start), static_cast<int32_t>(length)});
+    });
+  }
+  // Found by start and length; reported by vocabulary, then start, then length.
+  std::stable_sort(hits.begin(), hits.end(),
+                   [](const WordHit& a, const WordHit& b) { return a.vocab < b.vocab; });
+  tags->reserve(tags->size() + hits.size());
+  for (const WordHit& hit : hits) {
+    tags->push_back(SlotMatch{vocab_names_[hit.vocab], query.substr(hit.start, hit.length),
+                              hit.start, hit.length});
+  }
+}
+
+void Tagger::TagRegexVocab(const std::u16string& query, std::vector<SlotMatch>* tags) const {
+  if (regexVocabRegex.empty()) return;
+  const RegexSubject subject(query);
+  for (const auto& [name, regexes] : regexVocabRegex) {
+    for (const Regex& regex : regexes) TagRegexMatches(name, query, subject, regex, tags);
+  }
+}
+
+void Tagger::TagRegexMatches(const std::string& name, const std::u16string& query,
+                             const RegexSubject& subject, const Regex& regex,
+                             std::vector<SlotMatch>* tags) {
+  RegexMatch match;
+  size_t from = 0;
+  // Searching again at the end of the query still finds a pattern that matches there.
+  while (regex.Search(subject, from, &match)) {
+    // The next search would begin where this one did and find the same empty match forever.
+    if (match.length == 0) throw RegexError("a regex vocabulary pattern matched empty text");
+    tags->push_back(SlotMatch{name, query.substr(match.start, match.length),
+                              static_cast<int32_t>(match.start),
+                              static_cast<int32_t>(match.length)});
+    from = match.start + match.length;
+  }
+}
+
+}  // namespace rulenlu

@@ -1,0 +1,189 @@
+#include "engine/nlu_engine.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "config/config_parser.h"
+#include "log_capture.h"
+
+namespace rulenlu {
+namespace {
+
+constexpr char kCallConfig[] = R"json({
+  "version": 42,
+  "variableEntrys": [
+    {"key": "hour", "value": "(1[0-2]|0?[1-9])"},
+    {"key": "minute", "value": "[0-5][0-9]"}
+  ],
+  "regexVocabMap": {"time": ["\\b${hour}(:${minute})? ?(am|pm)"]},
+  "vocabMap": {
+    "call_verb": ["call", "ring", "video call"],
+    "contact": ["Tom", "Anna", "Jos\u00e9", "\u674e\u4f1f"]
+  },
+  "intentMap": {
+    "call_contact": {
+      "name": "Call a contact",
+      "slots": [{"name": "verb", "tag": "call_verb"}, {"name": "contact", "tag": "contact"},
+                {"name": "time", "tag": "time"}],
+      "regexRules": ["<call_verb> <contact>( at <time>)?"]
+    }
+  }
+})json";
+
+std::unique_ptr<NluEngine> BuildEngine(const std::string& document) {
+  std::shared_ptr<NluConfig> config = ParseNluConfig(document);
+  if (config == nullptr) return nullptr;
+  auto engine = std::make_unique<NluEngine>();
+  engine->Init(*config);
+  return engine;
+}
+
+// A compact dump of a result: "intent|text|key=value@start+length;...".
+std::string Dump(const NluResult& result) {
+  std::string out = std::to_string(result.version) + "|" + result.intent + "|" + result.text + "|";
+  for (const NluSlot& slot : result.slots) {
+    out += slot.key + "=" + slot.value + "@" + std::to_string(slot.start) + "+" +
+           std::to_string(slot.length) + ";";
+  }
+  return out;
+}
+
+TEST(NluEngine, InitLogsEachStageInOrder) {
+  LogCapture capture;
+  ASSERT_NE(BuildEngine(kCallConfig), nullptr);
+  EXPECT_EQ(capture.out(),
+            "NluEngine: start tagger init\n"
+            "3333333333333333333333333\n"
+            "new regex:\\b(1[0-2]|0?[1-9])(:[0-5][0-9])? ?(am|pm)\n"
+            "pattern:\\b(1[0-2]|0?[1-9])(:[0-5][0-9])? ?(am|pm)\n"
+            "NluEngine: start parser init\n");
+  EXPECT_EQ(capture.err(), "");
+}
+
+TEST(NluEngine, AnswersWithSlotsAndLogsThem) {
+  auto engine = BuildEngine(kCallConfig);
+  ASSERT_NE(engine, nullptr);
+  LogCapture capture;
+  const NluResult result = engine->Process(std::string("call Jos\xC3\xA9 at 5pm"));
+  EXPECT_EQ(Dump(result),
+            "42|call_contact|call Jos\xC3\xA9 at 5pm|call_verb=call@0+4;contact=Jos\xC3\xA9@5+4;"
+            "time=5pm@13+3;");
+  EXPECT_EQ(capture.out(),
+            "result :call_contact\n"
+            "slotkey:call_verb, slotvalue:call\n"
+            "slotkey:contact, slotvalue:Jos\xC3\xA9\n"
+            "slotkey:time, slotvalue:5pm\n");
+}
+
+TEST(NluEngine, UnmatchedQueryIsUnknownWithTheConfigurationVersion) {
+  auto engine = BuildEngine(kCallConfig);
+  LogCapture capture;
+  EXPECT_EQ(Dump(engine->Process(std::string("what is the weather"))),
+            "42|unknown|what is the weather|");
+  // Tags exist, but the rule must match the whole rewritten query.
+  EXPECT_EQ(Dump(engine->Process(std::string("please call Tom"))), "42|unknown|please call Tom|");
+  EXPECT_EQ(Dump(engine->Process(std::string(""))), "42|unknown||");
+  EXPECT_EQ(capture.out(), "result :unknown\nresult :unknown\nresult :unknown\n");
+}
+
+TEST(NluEngine, CountsOffsetsInUtf16Units) {
+  auto engine = BuildEngine(kCallConfig);
+  // U+1F4C5 is two UTF-16 units; U+674E U+4F1F one each.
+  const std::string query = "ring \xE6\x9D\x8E\xE4\xBC\x9F at 10:30pm";
+  EXPECT_EQ(Dump(engine->Process(query)),
+            "42|call_contact|" + query +
+                "|call_verb=ring@0+4;contact=\xE6\x9D\x8E\xE4\xBC\x9F@5+2;time=10:30pm@11+7;");
+  auto astral = BuildEngine(R"json({"vocabMap": {"contact": ["Tom"]},
+      "intentMap": {"i": {"slots": [{"tag": "contact"}], "regexRules": ["..<contact>"]}}})json");
+  EXPECT_EQ(Dump(astral->Process(std::string("\xF0\x9F\x93\x85Tom"))),
+            "0|i|\xF0\x9F\x93\x85Tom|contact=Tom@2+3;");
+  // A byte-order mark is a character of the query: every offset moves by one.
+  EXPECT_EQ(Dump(engine->Process(std::string("\xEF\xBB\xBF" "call Tom"))),
+            "42|unknown|\xEF\xBB\xBF" "call Tom|");
+  auto bom = BuildEngine(R"json({"vocabMap": {"contact": ["Tom"]},
+      "intentMap": {"i": {"slots": [{"tag": "contact"}], "regexRules": [".call <contact>"]}}})json");
+  EXPECT_EQ(Dump(bom->Process(std::string("\xEF\xBB\xBF" "call Tom"))),
+            "0|i|\xEF\xBB\xBF" "call Tom|contact=Tom@6+3;");
+}
+
+TEST(NluEngine, ReadsTheQueryUpToItsFirstNul) {
+  auto engine = BuildEngine(kCallConfig);
+  EXPECT_EQ(Dump(engine->Process(std::string("call Tom\0 at 5pm", 16))),
+            "42|call_contact|call Tom|call_verb=call@0+4;contact=Tom@5+3;");
+}
+
+TEST(NluEngine, EveryStageFailureGivesTheEmptyResult) {
+  auto engine = BuildEngine(R"json({
+    "version": 7,
+    "regexVocabMap": {"any": ["."]},
+    "vocabMap": {"contact": ["Tom"], "broken": ["oops"]},
+    "intentMap": {
+      "a_broken": {"slots": [{"tag": "broken"}], "regexRules": ["(<broken>"]},
+      "b_any": {"slots": [{"tag": "any"}], "regexRules": ["(<any>)+"]},
+      "c_call": {"slots": [{"tag": "contact"}], "regexRules": ["<contact>"]}
+    }})json");
+  ASSERT_NE(engine, nullptr);
+  {
+    LogCapture capture;  // invalid UTF-8: the tagger fails
+    EXPECT_EQ(Dump(engine->Process(std::string("Tom \xC3"))), "0|||");
+    EXPECT_EQ(capture.err(), "tagger process exception!\n");
+    EXPECT_EQ(capture.out(), "result :\n");
+  }
+  {
+    LogCapture capture;  // the rule that does not compile is tried: the parser fails
+    EXPECT_EQ(Dump(engine->Process(std::string("oops"))), "0|||");
+    EXPECT_EQ(capture.err(), "regex parser process exception!\n");
+  }
+  {
+    LogCapture capture;  // queries that never reach that rule are unaffected
+    EXPECT_EQ(Dump(engine->Process(std::string("Tom"))), "7|c_call|Tom|contact=Tom@0+3;");
+    EXPECT_EQ(capture.err(), "");
+  }
+  {
+    LogCapture capture;  // `.` splits a surrogate pair: the slot has no UTF-8 form
+    EXPECT_EQ(Dump(engine->Process(std::string("\xF0\x9F\x98\x80"))), "0|||");
+    EXPECT_EQ(capture.out(), "result :b_any\n");
+    EXPECT_EQ(capture.err(), "result conversion exception!\n");
+  }
+}
+
+TEST(NluEngine, RejectsQueriesTooLongToMatch) {
+  auto engine = BuildEngine(kCallConfig);
+  LogCapture capture;
+  const std::string long_query = "call Tom " + std::string(4000, 'x');
+  EXPECT_EQ(Dump(engine->Process(long_query)), "0|||");
+  EXPECT_EQ(capture.err(), "tagger process exception!\n");
+}
+
+TEST(NluEngine, AnswersTheSameFromManyThreads) {
+  auto engine = BuildEngine(kCallConfig);
+  const std::vector<std::string> queries = {
+      "call Tom", "ring Anna at 7am", "video call Jos\xC3\xA9 at 11:15 pm", "call nobody",
+      "call \xE6\x9D\x8E\xE4\xBC\x9F", "Tom \xC3", "", "ring Tom at 13pm"};
+  std::vector<std::string> expected;
+  {
+    LogCapture quiet;
+    for (const std::string& query : queries) expected.push_back(Dump(engine->Process(query)));
+  }
+  EXPECT_EQ(expected[1], "42|call_contact|ring Anna at 7am|call_verb=ring@0+4;contact=Anna@5+4;"
+                         "time=7am@13+3;");
+  LogCapture quiet;
+  std::vector<int> mismatches(8, 0);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&, t] {
+      for (int round = 0; round < 200; ++round) {
+        const size_t i = static_cast<size_t>(round + t) % queries.size();
+        if (Dump(engine->Process(queries[i])) != expected[i]) ++mismatches[t];
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (int count : mismatches) EXPECT_EQ(count, 0);
+}
+
+}  // namespace
+}  // namespace rulenlu

@@ -1,0 +1,31 @@
+// Whole-file reads and crash-safe whole-file replacement, for the development host's state.
+//
+// Thread-safe: the functions keep no state; concurrent replacements of one file each land
+// whole, the last rename winning.
+#ifndef RULENLU_TOOLS_DEVHOST_WHOLE_FILE_H_
+#define RULENLU_TOOLS_DEVHOST_WHOLE_FILE_H_
+
+#include <string>
+#include <string_view>
+
+namespace rulenlu::devhost {
+
+// Marks the temporary files of ReplaceFileAtomically: a temporary for `path` is named `path`
+// followed by this character and a unique suffix. Names that must never be taken for a
+// temporary simply avoid the character.
+inline constexpr char kTempFileMark = '~';
+
+// Reads the file at `path` into `*bytes`. Returns false when it cannot be opened or read;
+// `*bytes` is then empty.
+bool ReadWholeFile(const std::string& path, std::string* bytes);
+
+// Makes the file at `path` hold exactly `bytes`. A reader, also after a crash at any moment,
+// sees either the previous content or the new one, never a mix. Returns false on any I/O
+// error; the previous content then stays and no temporary file is left behind (except after
+// a crash, when a stale temporary may remain beside `path`; it never affects `path` itself).
+// The directory of `path` must exist.
+bool ReplaceFileAtomically(const std::string& path, std::string_view bytes);
+
+}  // namespace rulenlu::devhost
+
+#endif  // RULENLU_TOOLS_DEVHOST_WHOLE_FILE_H_
