@@ -151,15 +151,20 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   ParseOptions options;
   CLI::App* parse = app.add_subcommand("parse", "Answer queries with the engine, one JSON line each");
-  parse->add_option("--config", options.config, "Configuration document (JSON)")->required();
+  parse->add_option("--config", options.config, "Configuration document (JSON); required")
+      ->required()
+      ->option_text("FILE");
   parse->add_flag("--quiet", options.quiet, "Do not print the engine's log lines on stderr");
   parse->add_option("--state", options.state,
                     "Development host state directory: start as the client does, with its "
-                    "cached configuration and update");
+                    "cached configuration and update")
+      ->option_text("DIR");
   parse->add_option("--wait-update", options.wait_update,
                     "With --state: wait up to SECONDS for the configuration update to finish")
-      ->check(CLI::NonNegativeNumber);
-  parse->add_option("queries", options.queries, "Queries (default: one per line on stdin)");
+      ->check(CLI::NonNegativeNumber)
+      ->option_text("SECONDS");
+  parse->add_option("queries", options.queries, "Queries (default: one per line on stdin)")
+      ->option_text("QUERY ...");
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
