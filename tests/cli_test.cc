@@ -126,7 +126,7 @@ TEST(CliParse, ExitsWithTwoOnUsageErrors) {
 
 TEST(CliParse, HandlesALongStreamOfQueries) {
   std::string input;
-  const int kQueries = 20000;
+  const int kQueries = 5000;
   for (int i = 0; i < kQueries; ++i) input += i % 2 ? "call Tom\n" : "open the calendar app\n";
   const ProcessResult run = RunProcess({kCli, "parse", "--quiet", "--config", kExample}, input);
   ASSERT_EQ(run.exit_code, 0);

@@ -100,13 +100,6 @@ TEST(NluEngine, CountsOffsetsInUtf16Units) {
       "intentMap": {"i": {"slots": [{"tag": "contact"}], "regexRules": ["..<contact>"]}}})json");
   EXPECT_EQ(Dump(astral->Process(std::string("\xF0\x9F\x93\x85Tom"))),
             "0|i|\xF0\x9F\x93\x85Tom|contact=Tom@2+3;");
-  // A byte-order mark is a character of the query: every offset moves by one.
-  EXPECT_EQ(Dump(engine->Process(std::string("\xEF\xBB\xBF" "call Tom"))),
-            "42|unknown|\xEF\xBB\xBF" "call Tom|");
-  auto bom = BuildEngine(R"json({"vocabMap": {"contact": ["Tom"]},
-      "intentMap": {"i": {"slots": [{"tag": "contact"}], "regexRules": [".call <contact>"]}}})json");
-  EXPECT_EQ(Dump(bom->Process(std::string("\xEF\xBB\xBF" "call Tom"))),
-            "0|i|\xEF\xBB\xBF" "call Tom|contact=Tom@6+3;");
 }
 
 TEST(NluEngine, ReadsTheQueryUpToItsFirstNul) {

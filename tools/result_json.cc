@@ -14,7 +14,8 @@ void WriteString(Writer& writer, const std::string& text) {
 }  // namespace
 
 void FormatResultJson(const NluResult& result, std::string* out) {
-  rapidjson::StringBuffer buffer;
+  thread_local rapidjson::StringBuffer buffer;  // reused: one result per query
+  buffer.Clear();
   rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
   writer.StartObject();
   writer.Key("version");
