@@ -46,15 +46,22 @@ class ConfigRequest final : public cp::RequestInterface {
 // Stores a downloaded document as it came; it is validated only when the next start-up parses it.
 class ConfigResponseCallback final : public cp::ResponseCallback {
  public:
+  // Both run on the client's thread: nothing may be thrown back at it. A download lost this way
+  // is requested again by the next start-up's update pass.
   void OnSuccess(const std::shared_ptr<cp::ResponseInterface>& response) override {
-    LogPrintf("http request success.");
-    if (response == nullptr) return;
-    WriteRemoteConfigCache(response->GetBody());
+    try {
+      LogPrintf("http request success.");
+      if (response != nullptr) WriteRemoteConfigCache(response->GetBody());
+    } catch (...) {
+    }
   }
 
   void OnFailure(const std::shared_ptr<cp::ResponseInterface>& response) override {
-    const std::string error = response != nullptr ? response->GetError() : std::string();
-    LogPrintf("http request error. %s", error.c_str());
+    try {
+      const std::string error = response != nullptr ? response->GetError() : std::string();
+      LogPrintf("http request error. %s", error.c_str());
+    } catch (...) {
+    }
   }
 
   void OnProgress(int64_t /*received*/, int64_t /*total*/) override {}
