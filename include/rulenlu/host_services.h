@@ -6,9 +6,11 @@
 // them (SharedPtrReleaseDeleter for the service manager).
 //
 // Operations are declared in the order of the client's virtual tables, each at the slot the
-// client expects; slots the library does not call have plain names and harmless bodies. On the
-// client's compiler a virtual destructor takes one slot (slot 0 of RequestInterface and
-// ResponseCallback).
+// client expects; slots the library does not call have plain names and harmless bodies.
+// RequestInterface and ResponseCallback have their destructor in slot 0, where the client's
+// compiler gives a virtual destructor one slot. The Itanium C++ ABI (g++, clang) gives it two,
+// so there slot 0 is a placeholder and the destructor is protected: these objects are created
+// with std::make_shared and destroyed only through the shared pointers that own them.
 #ifndef RULENLU_HOST_SERVICES_H_
 #define RULENLU_HOST_SERVICES_H_
 
@@ -16,6 +18,21 @@
 #include <map>
 #include <memory>
 #include <string>
+
+#if defined(_MSC_VER)
+#define RULENLU_SLOT0_DESTRUCTOR(Class) \
+ public:                                \
+  virtual ~Class() = default;
+#else
+#define RULENLU_SLOT0_DESTRUCTOR(Class) \
+ public:                                \
+  virtual void Slot0() {}               \
+                                        \
+ protected:                             \
+  ~Class() = default;                   \
+                                        \
+ public:
+#endif
 
 namespace cp {
 
@@ -108,9 +125,8 @@ class GrayServiceInterface {
 
 // An HTTP request, implemented by the library and read by the client's HTTP service.
 class RequestInterface {
- public:
-  // Slot 0.
-  virtual ~RequestInterface() = default;
+  // Slot 0: the destructor.
+  RULENLU_SLOT0_DESTRUCTOR(RequestInterface)
   // Slot 1: the URL to fetch.
   virtual std::string GetUrl() = 0;
   // Slot 2: the method: 1 for GET, 2 for POST.
@@ -148,9 +164,8 @@ class ResponseInterface {
 // Receives the outcome of a request; implemented by the library, called by the client on a
 // thread of its choosing.
 class ResponseCallback {
- public:
-  // Slot 0.
-  virtual ~ResponseCallback() = default;
+  // Slot 0: the destructor.
+  RULENLU_SLOT0_DESTRUCTOR(ResponseCallback)
   // Slot 1: the request succeeded.
   virtual void OnSuccess(const std::shared_ptr<ResponseInterface>& response) = 0;
   // Slot 2: the request failed.
@@ -173,5 +188,7 @@ class HttpServiceInterface {
 };
 
 }  // namespace cp
+
+#undef RULENLU_SLOT0_DESTRUCTOR
 
 #endif  // RULENLU_HOST_SERVICES_H_
