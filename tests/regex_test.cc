@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+#include <regex>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -75,6 +77,44 @@ TEST(Regex, SearchesAndMatchesWithinBounds) {
   EXPECT_THROW(Outcome(E, u"b$", too_long, 0), RegexError);
   EXPECT_THROW(Outcome(E, u"b$", too_long, too_long.size()), RegexError);
   EXPECT_THROW(Regex(u"b$", E).FullMatch(RegexSubject(too_long)), RegexError);
+}
+
+// Character classes, word boundaries and brackets are answered from tables for ASCII: every
+// answer must be the standard library's, for ASCII and beyond.
+TEST(Regex, ClassifiesExactlyAsTheStandardLibrary) {
+  const std::vector<std::u16string> patterns = {
+      u"\\b\\w+\\b", u"\\B.\\B", u"\\d+\\s*\\D", u"[[:alpha:]]+", u"[[:alnum:][:punct:]]+",
+      u"[^[:space:]]+", u"[[:upper:]][[:lower:]]*", u"[[=e=]x]+", u"[a-f0-9_]+", u"[^\\W\\d]+",
+      u"[[:xdigit:][:blank:]]+", u"\\S\\W"};
+  const std::u16string alphabet = u"aZ_9 \t-.,eE\u00E9\u00C9\u4F1A\u0661\u00A0\u2028x";
+  std::mt19937 random(7);
+  for (const std::u16string& pattern : patterns) {
+    for (const auto grammar : {E, P}) {
+      const auto flags = grammar == E ? std::regex::ECMAScript : std::regex::extended;
+      std::wregex standard;
+      try {
+        standard.assign(std::wstring(pattern.begin(), pattern.end()), flags);
+      } catch (const std::regex_error&) {  // e.g. \\b is no POSIX escape
+        EXPECT_THROW(Regex(pattern, grammar), RegexError);
+        continue;
+      }
+      const Regex ours(pattern, grammar);
+      for (int round = 0; round < 200; ++round) {
+        std::u16string text;
+        for (size_t n = random() % 12; n > 0; --n) text += alphabet[random() % alphabet.size()];
+        const std::wstring wide(text.begin(), text.end());
+        std::wsmatch expected;
+        const bool found = std::regex_search(wide, expected, standard);
+        RegexMatch match;
+        ASSERT_EQ(ours.Search(RegexSubject(text), 0, &match), found) << Utf16ToUtf8(pattern);
+        if (found) {
+          EXPECT_EQ(match.start, static_cast<size_t>(expected.position(0)));
+          EXPECT_EQ(match.length, static_cast<size_t>(expected.length(0)));
+        }
+        EXPECT_EQ(ours.FullMatch(RegexSubject(text)), std::regex_match(wide, standard));
+      }
+    }
+  }
 }
 
 }  // namespace
