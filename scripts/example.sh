@@ -3,6 +3,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/setup.sh
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j "$(nproc)" --target rulenlu_cli
+# Build progress goes to stderr: stdout carries only the answers.
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >&2
+cmake --build build -j "$(nproc)" --target rulenlu_cli >&2
 ./build/rulenlu parse --config examples/collab.json --quiet < examples/queries.txt

@@ -30,6 +30,7 @@ std::vector<std::string> Lines(const std::string& text) {
 std::string WriteTempFile(const std::string& content) {
   char path[] = "/tmp/rulenlu-cli-XXXXXX";
   const int fd = mkstemp(path);
+  if (fd < 0) return "/nonexistent/rulenlu-cli-temp";
   close(fd);
   std::ofstream(path, std::ios::binary) << content;
   return path;
@@ -99,10 +100,18 @@ TEST(CliParse, ExitsWithOneWhenTheConfigurationDoesNotLoad) {
     EXPECT_EQ(lines[0].rfind("rulenlu: ", 0), 0u) << lines[0];
     EXPECT_NE(lines[0].find(config), std::string::npos) << lines[0];
   }
-  // Without --quiet the engine's own reason comes first.
+  // Without --quiet the engine's own reason comes first; the message still has a line of its own.
   const ProcessResult loud = RunProcess({kCli, "parse", "--config", not_json, "q"});
   EXPECT_EQ(loud.exit_code, 1);
-  EXPECT_EQ(loud.err.rfind("json is error.rulenlu: ", 0), 0u) << loud.err;
+  EXPECT_EQ(loud.err.rfind("json is error.\nrulenlu: ", 0), 0u) << loud.err;
+  // Started as the client starts, with a state directory, it fails the same way.
+  const ProcessResult hosted = RunProcess(
+      {kCli, "parse", "--config", "/nonexistent/config.json", "--state", testing::TempDir(), "q"});
+  EXPECT_EQ(hosted.exit_code, 1);
+  EXPECT_EQ(hosted.out, "");
+  EXPECT_NE(hosted.err.find("local config load failed\nrulenlu: cannot load configuration "),
+            std::string::npos)
+      << hosted.err;
   std::remove(not_json.c_str());
   std::remove(bad_pattern.c_str());
 }

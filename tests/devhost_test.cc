@@ -71,6 +71,11 @@ struct Call final : cp::RequestInterface, cp::ResponseCallback, std::enable_shar
 class DevHostTest : public testing::Test {
  protected:
   void SetUp() override {
+    // Loopback only: a proxy from the environment must not see these requests.
+    for (const char* name : {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy",
+                             "ALL_PROXY"}) {
+      unsetenv(name);
+    }
     std::string pattern = testing::TempDir() + "devhost_XXXXXX";
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);
     dir_ = pattern;
@@ -122,7 +127,7 @@ TEST_F(DevHostTest, KeyValuesAreWholeRawFilesUnderDistinctNames) {
   const auto kv = Lookup<cp::StorageServiceInterface>(*host_, kStorageName)->GetKvStorage();
   for (const auto& [key, file] : cases) {
     ASSERT_TRUE(kv->Write(key, key + "\0\xFF\r\n"s)) << file;
-    EXPECT_EQ(ReadWholeFile(Path("kv/" + file)), key + "\0\xFF\r\n"s);
+    EXPECT_EQ(ReadFileBytes(Path("kv/" + file)), key + "\0\xFF\r\n"s);
     EXPECT_EQ(kv->Read(key), key + "\0\xFF\r\n"s);
   }
   EXPECT_FALSE(kv->Write("", "x"));              // the empty key has no file of its own

@@ -8,6 +8,7 @@
 
 #include "config/config_parser.h"
 #include "log_capture.h"
+#include "result_dump.h"
 
 namespace rulenlu {
 namespace {
@@ -41,15 +42,7 @@ std::unique_ptr<NluEngine> BuildEngine(const std::string& document) {
   return engine;
 }
 
-// A compact dump of a result: "intent|text|key=value@start+length;...".
-std::string Dump(const NluResult& result) {
-  std::string out = std::to_string(result.version) + "|" + result.intent + "|" + result.text + "|";
-  for (const NluSlot& slot : result.slots) {
-    out += slot.key + "=" + slot.value + "@" + std::to_string(slot.start) + "+" +
-           std::to_string(slot.length) + ";";
-  }
-  return out;
-}
+std::string Dump(const NluResult& result) { return DumpResult(result); }
 
 TEST(NluEngine, InitLogsEachStageInOrder) {
   LogCapture capture;

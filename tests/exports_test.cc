@@ -8,8 +8,11 @@
 #include <string>
 #include <typeinfo>
 
+#include <unistd.h>
+
 #include "fake_host.h"
 #include "log_capture.h"
+#include "result_dump.h"
 #include "rulenlu/engine_api.h"
 #include "rulenlu/host_services.h"
 #include "services/config_update.h"
@@ -56,12 +59,7 @@ testing::Matcher<const std::string&> WithReason(const std::string& head, const s
 std::string Ask(const std::string& query) {
   NluResult result{77, "stale", "stale", {NluSlot{"stale", "stale", 1, 2}}};
   ::Process(query, result);
-  std::string out = std::to_string(result.version) + "|" + result.intent + "|" + result.text + "|";
-  for (const NluSlot& slot : result.slots) {
-    out += slot.key + "=" + slot.value + "@" + std::to_string(slot.start) + "+" +
-           std::to_string(slot.length) + ";";
-  }
-  return out;
+  return DumpResult(result);
 }
 
 // Every test starts with no manager attached and a local file of version 9 with Tom and Anna.
@@ -89,8 +87,8 @@ class ExportsTest : public testing::Test {
   }
 
   fake::FakeHost host_;
-  const std::string local_path_ = testing::TempDir() + "exports_" +
-                                  testing::UnitTest::GetInstance()->current_test_info()->name();
+  const std::string local_path_ = testing::TempDir() + "exports_" + std::to_string(getpid()) +
+                                  "_" + testing::UnitTest::GetInstance()->current_test_info()->name();
 };
 
 TEST_F(ExportsTest, InitFromLocalFileWithoutManager) {

@@ -34,10 +34,15 @@ TEST(HostServices, OperationsSitAtTheClientsSlots) {
   EXPECT_EQ(Slot(&cp::RequestInterface::GetUrl), 1);
   EXPECT_EQ(Slot(&cp::RequestInterface::GetMethod), 2);
   EXPECT_EQ(Slot(&cp::RequestInterface::GetHeaders), 3);
+  EXPECT_EQ(Slot(&cp::RequestInterface::GetBody), 4);
+  EXPECT_EQ(Slot(&cp::RequestInterface::GetContentType), 5);
+  EXPECT_EQ(Slot(&cp::RequestInterface::GetDownloadPath), 6);
+  EXPECT_EQ(Slot(&cp::RequestInterface::IsDeferrable), 7);
   EXPECT_EQ(Slot(&cp::RequestInterface::GetTimeoutSeconds), 8);
   EXPECT_EQ(Slot(&cp::ResponseCallback::OnSuccess), 1);
   EXPECT_EQ(Slot(&cp::ResponseCallback::OnFailure), 2);
   EXPECT_EQ(Slot(&cp::ResponseCallback::OnProgress), 3);
+  EXPECT_EQ(Slot(&cp::ResponseInterface::GetStatusCode), 0);
   EXPECT_EQ(Slot(&cp::ResponseInterface::GetBody), 3);
   EXPECT_EQ(Slot(&cp::ResponseInterface::GetError), 4);
 }

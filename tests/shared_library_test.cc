@@ -10,6 +10,7 @@
 #include <string>
 
 #include "fake_host.h"
+#include "result_dump.h"
 #include "rulenlu/engine_api.h"
 #include "rulenlu/host_services.h"
 
@@ -48,13 +49,7 @@ class SharedLibraryTest : public testing::Test {
   std::string Ask(const std::string& query) const {
     NluResult result{77, "stale", "stale", {NluSlot{"stale", "stale", 1, 2}}};
     lib_.process(query, result);
-    std::string out =
-        std::to_string(result.version) + "|" + result.intent + "|" + result.text + "|";
-    for (const NluSlot& slot : result.slots) {
-      out += slot.key + "=" + slot.value + "@" + std::to_string(slot.start) + "+" +
-             std::to_string(slot.length) + ";";
-    }
-    return out;
+    return DumpResult(result);
   }
 
   const Library& lib_ = Load();

@@ -22,7 +22,7 @@ struct ProcessResult {
   std::string err;
 };
 
-inline std::string ReadWholeFile(const std::string& path) {
+inline std::string ReadFileBytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream content;
   content << in.rdbuf();
@@ -32,7 +32,8 @@ inline std::string ReadWholeFile(const std::string& path) {
 // Runs `argv` (argv[0] is the program's path) with `input` on its standard input.
 inline ProcessResult RunProcess(const std::vector<std::string>& argv, const std::string& input = "") {
   char dir_template[] = "/tmp/rulenlu-run-XXXXXX";
-  const std::string dir = mkdtemp(dir_template);
+  if (mkdtemp(dir_template) == nullptr) return {};
+  const std::string dir = dir_template;
   const std::string in_path = dir + "/in", out_path = dir + "/out", err_path = dir + "/err";
   std::ofstream(in_path, std::ios::binary) << input;
 
@@ -54,8 +55,8 @@ inline ProcessResult RunProcess(const std::vector<std::string>& argv, const std:
     if (WIFEXITED(status)) result.exit_code = WEXITSTATUS(status);
   }
   posix_spawn_file_actions_destroy(&actions);
-  result.out = ReadWholeFile(out_path);
-  result.err = ReadWholeFile(err_path);
+  result.out = ReadFileBytes(out_path);
+  result.err = ReadFileBytes(err_path);
   for (const std::string& path : {in_path, out_path, err_path}) std::remove(path.c_str());
   rmdir(dir.c_str());
   return result;

@@ -55,13 +55,18 @@ std::string CallAnswer(int version, const std::string& contact, bool known) {
 class UpdateEndToEndTest : public testing::Test {
  protected:
   void SetUp() override {
+    // Loopback only: a proxy from the environment must not see these requests.
+    for (const char* name : {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy",
+                             "ALL_PROXY"}) {
+      unsetenv(name);
+    }
     std::string pattern = testing::TempDir() + "update_e2e_XXXXXX";
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);
     dir_ = pattern;
     std::ofstream(dir_ + "/v1.json") << ConfigDocument(1, R"(["Alice"])", "[0-9]+");
     server_.Get("/config.json", [this](const httplib::Request&, httplib::Response& res) {
       ++hits_;
-      res.set_content(ReadWholeFile(dir_ + "/served.json"), "application/json");
+      res.set_content(ReadFileBytes(dir_ + "/served.json"), "application/json");
     });
     port_ = server_.bind_to_any_port("127.0.0.1");
     ASSERT_GT(port_, 0);
@@ -101,7 +106,7 @@ class UpdateEndToEndTest : public testing::Test {
     return run;
   }
 
-  std::string Cached() const { return ReadWholeFile(dir_ + "/state/kv/wr_nlu_remote_config"); }
+  std::string Cached() const { return ReadFileBytes(dir_ + "/state/kv/wr_nlu_remote_config"); }
 
   std::string dir_;
   httplib::Server server_;

@@ -4,15 +4,17 @@
 //
 // Prints one compact JSON result per query on stdout and nothing else; the engine's log lines
 // go to stderr (or nowhere with --quiet). Exit status: 0 when the configuration loaded, 1 when
-// it did not, 2 on a usage error.
+// it did not, 2 on a usage error, 3 when the results could not be written.
 #include <CLI/CLI.hpp>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstdio>
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -29,18 +31,32 @@ namespace {
 
 constexpr int kExitNoConfig = 1;
 constexpr int kExitUsage = 2;
+constexpr int kExitNoOutput = 3;
 
 // Sends the engine's log lines to stderr, same bytes and order, or drops them.
 class ToolLogSink : public rulenlu::LogSink {
  public:
   explicit ToolLogSink(bool quiet) : quiet_(quiet) {}
   void Write(rulenlu::LogStream, std::string_view bytes) override {
-    if (!quiet_) std::fwrite(bytes.data(), 1, bytes.size(), stderr);
+    if (quiet_ || bytes.empty()) return;
+    std::fwrite(bytes.data(), 1, bytes.size(), stderr);
+    line_open_ = bytes.back() != '\n';
   }
+  // True when the last line written has no line end yet (the engine's printf-style lines).
+  bool line_open() const { return line_open_; }
 
  private:
   bool quiet_;
+  std::atomic<bool> line_open_{false};
 };
+
+ToolLogSink* g_log_sink = nullptr;
+
+// Writes the tool's own message on a line of its own.
+void Complain(const std::string& message) {
+  if (g_log_sink != nullptr && g_log_sink->line_open()) std::fputc('\n', stderr);
+  std::fprintf(stderr, "rulenlu: %s\n", message.c_str());
+}
 
 struct ParseOptions {
   std::string config;
@@ -51,7 +67,7 @@ struct ParseOptions {
 };
 
 int Fail(const std::string& message) {
-  std::fprintf(stderr, "rulenlu: %s\n", message.c_str());
+  Complain(message);
   return kExitNoConfig;
 }
 
@@ -61,8 +77,11 @@ std::unique_ptr<rulenlu::NluEngine> BuildLocalEngine(const std::string& path, st
   std::shared_ptr<rulenlu::NluConfig> config;
   try {
     config = rulenlu::LoadLocalNluConfig(path);
-  } catch (const std::exception& e) {
+  } catch (const std::range_error& e) {
     *why = "configuration " + path + " holds text that is not UTF-8 (" + e.what() + ")";
+    return nullptr;
+  } catch (const std::exception& e) {
+    *why = "cannot load configuration " + path + ": " + e.what();
     return nullptr;
   }
   if (config == nullptr) {
@@ -79,37 +98,43 @@ std::unique_ptr<rulenlu::NluEngine> BuildLocalEngine(const std::string& path, st
   return engine;
 }
 
-// Runs each query (the arguments, else each line of stdin) through `answer`.
+// Runs each query (the arguments, else each line of stdin) through `answer`. Returns false,
+// with a message, when the results cannot be written.
 template <typename Answer>
-void RunQueries(const std::vector<std::string>& queries, Answer answer) {
+bool RunQueries(const std::vector<std::string>& queries, Answer answer) {
   std::string line;
   auto emit = [&](const std::string& query) {
     rulenlu::FormatResultJson(answer(query), &line);
     line.push_back('\n');
     std::fwrite(line.data(), 1, line.size(), stdout);
-    std::fflush(stdout);
+    return std::fflush(stdout) == 0 && !std::ferror(stdout);
   };
+  bool written = true;
   if (!queries.empty()) {
-    for (const std::string& query : queries) emit(query);
-    return;
+    for (auto it = queries.begin(); written && it != queries.end(); ++it) written = emit(*it);
+  } else {
+    std::string query;
+    while (written && std::getline(std::cin, query)) {
+      if (!query.empty() && query.back() == '\r') query.pop_back();
+      written = emit(query);
+    }
   }
-  std::string query;
-  while (std::getline(std::cin, query)) {
-    if (!query.empty() && query.back() == '\r') query.pop_back();
-    emit(query);
-  }
+  if (!written) Complain("cannot write the results to standard output");
+  return written;
 }
 
 int RunParse(const ParseOptions& options) {
   // Never destroyed: the background update may still log while the process ends.
-  rulenlu::SetLogSink(new ToolLogSink(options.quiet));
+  g_log_sink = new ToolLogSink(options.quiet);
+  rulenlu::SetLogSink(g_log_sink);
 
   if (options.state.empty()) {
     std::string why;
     std::unique_ptr<rulenlu::NluEngine> engine = BuildLocalEngine(options.config, &why);
     if (engine == nullptr) return Fail(why);
-    RunQueries(options.queries, [&](const std::string& query) { return engine->Process(query); });
-    return 0;
+    const bool written =
+        RunQueries(options.queries, [&](const std::string& query) { return engine->Process(query); });
+    return written ? 0 : kExitNoOutput;
   }
 
   // Start exactly as the client does, with the development host's services.
@@ -117,8 +142,9 @@ int RunParse(const ParseOptions& options) {
   AttachServiceManager(host->manager());
   InitEngin(options.config.c_str());
   const bool loaded = rulenlu::CurrentEngine() != nullptr;
+  bool written = true;
   if (loaded) {
-    RunQueries(options.queries, [](const std::string& query) {
+    written = RunQueries(options.queries, [](const std::string& query) {
       NluResult result;
       Process(query, result);
       return result;
@@ -132,10 +158,15 @@ int RunParse(const ParseOptions& options) {
           deadline - std::chrono::steady_clock::now());
     };
     if (!rulenlu::WaitForRemoteConfigUpdates(left()) || !host->WaitIdle(left())) {
-      std::fprintf(stderr, "rulenlu: the configuration update did not finish in time\n");
+      Complain("the configuration update did not finish in time");
     }
   }
-  const int status = loaded ? 0 : Fail("cannot load configuration " + options.config);
+  int status = 0;
+  if (!loaded) {
+    status = Fail("cannot load configuration " + options.config);
+  } else if (!written) {
+    status = kExitNoOutput;
+  }
   // The update pass or a download may still run on other threads: end without running static
   // destructors under their feet.
   std::fflush(stdout);
@@ -161,7 +192,7 @@ int main(int argc, char** argv) {
       ->option_text("DIR");
   parse->add_option("--wait-update", options.wait_update,
                     "With --state: wait up to SECONDS for the configuration update to finish")
-      ->check(CLI::NonNegativeNumber)
+      ->check(CLI::Range(0.0, 86400.0))
       ->option_text("SECONDS");
   parse->add_option("queries", options.queries, "Queries (default: one per line on stdin)")
       ->option_text("QUERY ...");
