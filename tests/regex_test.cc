@@ -77,6 +77,23 @@ TEST(Regex, SearchesAndMatchesWithinBounds) {
   EXPECT_THROW(Outcome(E, u"b$", too_long, 0), RegexError);
   EXPECT_THROW(Outcome(E, u"b$", too_long, too_long.size()), RegexError);
   EXPECT_THROW(Regex(u"b$", E).FullMatch(RegexSubject(too_long)), RegexError);
+  // Brackets are read as each grammar reads them, so that they cannot hide nesting: in POSIX a
+  // backslash in brackets is literal, in ECMAScript "[]" is a whole (empty) class.
+  const std::u16string deep_open = repeat(u"(", kDeep), deep_close = repeat(u")", kDeep);
+  EXPECT_THROW(Regex(u"[\\]" + deep_open + u"a" + deep_close, P), RegexError);
+  EXPECT_THROW(Regex(u"[]" + deep_open + u"a" + deep_close, E), RegexError);
+  EXPECT_THROW(Regex(u"[[:alpha:]]" + deep_open + u"a" + deep_close, P), RegexError);
+  EXPECT_NO_THROW(Regex(u"[(][[:alpha:](]" + repeat(u"(a)", kDeep), P));
+  EXPECT_THROW(Regex(repeat(u"a", kMaxRegexPatternLength + 1), E), RegexError);
+  // The deeper a searched expression nests, the shorter the texts it may search.
+  const Regex nested(u"((a|b))*z", E);
+  const std::u16string longest(kMaxRegexSearchWork / 3, u'a');
+  RegexMatch match;
+  EXPECT_FALSE(nested.Search(RegexSubject(longest), 0, &match));
+  EXPECT_THROW(nested.Search(RegexSubject(longest + u"a"), 0, &match), RegexError);
+  // A whole match is not bound by nesting: it takes texts of the full length.
+  EXPECT_TRUE(Regex(u"((a|b))*z", P)
+                  .FullMatch(RegexSubject(std::u16string(kMaxRegexSubjectLength - 1, u'a') + u"z")));
 }
 
 // Character classes, word boundaries and brackets are answered from tables for ASCII: every

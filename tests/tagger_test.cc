@@ -155,8 +155,10 @@ TEST(Tagger, DictionaryTagsAgreeWithBruteForce) {
     tagger.Init(vocabularies, {}, {});
     for (int q = 0; q < 10; ++q) {
       std::u16string query = text(24);
-      // Without regex vocabularies no query is too long.
-      while (q == 0 && round % 10 == 0 && query.size() <= kMaxRegexSubjectLength) query += text(24);
+      // Now and then a query of the longest length answered.
+      while (q == 0 && round % 10 == 0 && query.size() < kMaxQueryLength) query += text(24);
+      query.resize(std::min(query.size(), kMaxQueryLength));
+      if (query.size() > 0 && query.back() >= 0xD800 && query.back() <= 0xDBFF) query.pop_back();
       std::vector<SlotMatch> expected;  // by vocabulary name, start, length (words <= 8 units)
       for (const auto& [name, words] : vocabularies) {
         for (size_t start = 0; start < query.size(); ++start) {
@@ -170,6 +172,12 @@ TEST(Tagger, DictionaryTagsAgreeWithBruteForce) {
       ASSERT_EQ(Tags(tagger, Utf16ToUtf8(query).c_str()), Dump(expected)) << "round " << round;
     }
   }
+  // One unit more is refused, even without regex vocabularies.
+  Tagger tagger;
+  tagger.Init({{"v", {u"a"}}}, {}, {});
+  LogCapture capture;
+  EXPECT_EQ(Tags(tagger, std::string(kMaxQueryLength + 1, 'a').c_str()), "failed");
+  EXPECT_EQ(capture.err(), "tagger process exception!\n");
 }
 
 }  // namespace

@@ -75,7 +75,8 @@ RULENLU_EXPORT bool AttachServiceManager(cp::ServiceManagerInterface* manager);
 RULENLU_EXPORT void InitEngin(const char* path);
 
 // Builds the engine from `config` (not kept; must not be null) and makes it current. Throws
-// std::range_error("bad conversion") on invalid UTF-8, leaving the current engine in place.
+// std::range_error("bad conversion") on invalid UTF-8, and a std::runtime_error when a regex
+// vocabulary pattern does not compile; the current engine then stays in place.
 RULENLU_EXPORT void BuildEngin(const Utf8NluConfig* config);
 
 // Answers `query` (UTF-8) into `result`. Never throws; before any engine exists, and on any

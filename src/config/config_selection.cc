@@ -14,18 +14,21 @@ namespace {
 // The cached remote configuration, or an empty pointer (with the reason logged) when there is no
 // usable one.
 std::shared_ptr<NluConfig> LoadRemoteNluConfig() {
-  std::string text;
-  if (!ReadRemoteConfigCache(text)) {
-    LogPrintf("remote config load failed");
-    return nullptr;
-  }
+  // Neither a broken download nor a failing client store may keep the engine from starting on
+  // the local file.
   try {
+    std::string text;
+    if (!ReadRemoteConfigCache(text)) {
+      LogPrintf("remote config load failed");
+      return nullptr;
+    }
     return ParseNluConfig(text);
   } catch (const std::exception& e) {
-    // A broken download must not keep the engine from starting on the local file.
     LogPrintf("remote config is invalid: %s", e.what());
-    return nullptr;
+  } catch (...) {
+    LogPrintf("remote config is invalid");
   }
+  return nullptr;
 }
 
 }  // namespace

@@ -34,7 +34,7 @@ NluResult ToNluResult(const IntentCandidate& candidate) {
 
 NluEngine::NluEngine()
     : tagger_(std::make_unique<Tagger>()),
-      parser_(std::make_unique<RegexParser>(kMaxCombinations)),
+      parser_(std::make_unique<RegexParser>()),
       ranker_(std::make_unique<Ranker>()) {}
 
 NluEngine::~NluEngine() = default;

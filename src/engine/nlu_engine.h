@@ -21,9 +21,6 @@ class Ranker;
 
 class NluEngine {
  public:
-  // Combination limit of the parser.
-  static constexpr size_t kMaxCombinations = 128;
-
   // Creates the three stages, empty, and version 0.
   NluEngine();
   ~NluEngine();

@@ -1,27 +1,48 @@
 #include "nlu/regex.h"
 
+#include <algorithm>
 #include <bitset>
+#include <locale>
 #include <regex>
 #include <vector>
 
 namespace rulenlu {
 namespace {
 
+// Index of the "]" that closes the bracket expression opening at `open`, read as `grammar`
+// reads it; pattern.size() when it does not close.
+size_t BracketEnd(std::u16string_view pattern, size_t open, RegexGrammar grammar) {
+  const bool ecma = grammar == RegexGrammar::kEcmaScript;
+  size_t i = open + 1;
+  if (i < pattern.size() && pattern[i] == u'^') ++i;
+  if (!ecma && i < pattern.size() && pattern[i] == u']') ++i;  // a leading ] is literal in POSIX
+  for (; i < pattern.size(); ++i) {
+    const char16_t c = pattern[i];
+    if (c == u']') return i;
+    if (c == u'\\' && ecma) {
+      ++i;
+    } else if (c == u'[' && i + 1 < pattern.size() &&
+               (pattern[i + 1] == u':' || pattern[i + 1] == u'=' || pattern[i + 1] == u'.')) {
+      // [:class:], [=equivalent=], [.collating.]: their "]" does not close the bracket.
+      const char16_t close[] = {pattern[i + 1], u']', u'\0'};
+      const size_t end = pattern.find(close, i + 2);
+      if (end == std::u16string_view::npos) return pattern.size();
+      i = end + 1;
+    }
+  }
+  return pattern.size();
+}
+
 // Deepest group nesting in `pattern`; escaped parentheses and bracket contents do not count.
-size_t GroupNesting(std::u16string_view pattern) {
+size_t GroupNesting(std::u16string_view pattern, RegexGrammar grammar) {
   size_t depth = 0;
   size_t deepest = 0;
-  bool in_brackets = false;
   for (size_t i = 0; i < pattern.size(); ++i) {
     const char16_t c = pattern[i];
     if (c == u'\\') {
       ++i;
-    } else if (in_brackets) {
-      if (c == u']') in_brackets = false;
     } else if (c == u'[') {
-      in_brackets = true;
-      if (i + 1 < pattern.size() && pattern[i + 1] == u'^') ++i;
-      if (i + 1 < pattern.size() && pattern[i + 1] == u']') ++i;  // a leading ] is literal
+      i = BracketEnd(pattern, i, grammar);
     } else if (c == u'(') {
       deepest = std::max(deepest, ++depth);
     } else if (c == u')' && depth > 0) {
@@ -31,18 +52,11 @@ size_t GroupNesting(std::u16string_view pattern) {
   return deepest;
 }
 
-void CheckSubject(const RegexSubject& subject) {
-  if (subject.size() > kMaxRegexSubjectLength) {
-    throw RegexError("text longer than " + std::to_string(kMaxRegexSubjectLength) +
-                     " units cannot be matched");
-  }
-}
-
 // The standard regex traits for wchar_t consult the locale's facets on every classification
 // (each \b asks for the "w" class by name, each bracket for a collation key): most of the time
 // spent matching. These traits answer for ASCII units from tables filled once with the standard
-// traits' own answers, and defer to them for everything else, so matching is unchanged. The
-// global locale is never changed, so one set of tables serves every expression.
+// traits' own answers in the classic locale, with which every expression is imbued, and defer to
+// them for everything else, so matching is unchanged.
 class ClassicTraits : public std::regex_traits<wchar_t> {
   using Base = std::regex_traits<wchar_t>;
 
@@ -91,7 +105,8 @@ class ClassicTraits : public std::regex_traits<wchar_t> {
   static const TableSet& Tables() {
     static const TableSet* const tables = [] {
       auto* built = new TableSet;  // never destroyed: expressions may be used during exit
-      const Base standard;
+      Base standard;
+      standard.imbue(std::locale::classic());
       auto add = [&](wchar_t name, bool icase, char_class_type mask) {
         ClassTable table{name, icase, mask, {}};
         for (size_t unit = 0; unit < kTableSize; ++unit) {
@@ -120,20 +135,52 @@ using ClassicRegex = std::basic_regex<wchar_t, ClassicTraits>;
 }  // namespace
 
 struct Regex::Impl {
-  ClassicRegex regex;
+  ClassicRegex regex;          // backtracking: recurses for every unit it consumes
+  ClassicRegex breadth_first;  // extended grammar only: no recursion per unit, but slower
+  size_t max_backtracking;     // longest text the backtracking form may take
+  bool has_breadth_first = false;
 };
+
+namespace {
+
+void CheckSubject(const RegexSubject& subject, size_t max_subject) {
+  if (subject.size() > max_subject) {
+    throw RegexError("text longer than " + std::to_string(max_subject) +
+                     " units cannot be matched by this expression");
+  }
+}
+
+}  // namespace
 
 void RegexSubject::Assign(std::u16string_view text) { units_.assign(text.begin(), text.end()); }
 
 Regex::Regex(std::u16string_view pattern, RegexGrammar grammar) {
-  if (GroupNesting(pattern) > kMaxRegexNesting) {
+  if (pattern.size() > kMaxRegexPatternLength) {
+    throw RegexError("pattern longer than " + std::to_string(kMaxRegexPatternLength) + " units");
+  }
+  const size_t nesting = GroupNesting(pattern, grammar);
+  if (nesting > kMaxRegexNesting) {
     throw RegexError("groups nested more than " + std::to_string(kMaxRegexNesting) + " deep");
   }
-  const auto flags = grammar == RegexGrammar::kEcmaScript ? std::regex_constants::ECMAScript
-                                                          : std::regex_constants::extended;
+  // A backtracking match recurses for every unit it consumes, the deeper the more groups
+  // enclose it: it takes only texts short enough for the stack. A whole match of an extended
+  // expression (which has no back-references) can also run breadth-first, which does not
+  // recurse per unit: that form takes the longer texts.
+  const bool ecma = grammar == RegexGrammar::kEcmaScript;
+  impl_ = std::make_unique<Impl>();
+  impl_->max_backtracking = std::min(kMaxRegexSubjectLength, kMaxRegexSearchWork / (nesting + 1));
+  const std::wstring units(pattern.begin(), pattern.end());
   try {
-    impl_ = std::make_unique<Impl>(Impl{ClassicRegex(std::wstring(pattern.begin(), pattern.end()),
-                                                    flags)});
+    // Classic rules whatever locale the host makes global.
+    impl_->regex.imbue(std::locale::classic());
+    impl_->regex.assign(units, ecma ? std::regex_constants::ECMAScript
+                                    : std::regex_constants::extended);
+    if (!ecma && impl_->max_backtracking < kMaxRegexSubjectLength) {
+      impl_->breadth_first.imbue(std::locale::classic());
+      impl_->breadth_first.assign(
+          units, std::regex_constants::extended | std::regex_constants::__polynomial);
+      impl_->has_breadth_first = true;
+    }
   } catch (const std::regex_error& e) {
     throw RegexError(e.what());
   }
@@ -144,7 +191,7 @@ Regex::Regex(Regex&&) noexcept = default;
 Regex& Regex::operator=(Regex&&) noexcept = default;
 
 bool Regex::Search(const RegexSubject& subject, size_t from, RegexMatch* match) const {
-  CheckSubject(subject);
+  CheckSubject(subject, impl_->max_backtracking);
   const std::wstring& units = subject.units_;
   if (from > units.size()) return false;
   auto flags = std::regex_constants::match_default;
@@ -163,9 +210,10 @@ bool Regex::Search(const RegexSubject& subject, size_t from, RegexMatch* match) 
 }
 
 bool Regex::FullMatch(const RegexSubject& subject) const {
-  CheckSubject(subject);
+  const bool backtrack = subject.size() <= impl_->max_backtracking;
+  CheckSubject(subject, impl_->has_breadth_first ? kMaxRegexSubjectLength : impl_->max_backtracking);
   try {
-    return std::regex_match(subject.units_, impl_->regex);
+    return std::regex_match(subject.units_, backtrack ? impl_->regex : impl_->breadth_first);
   } catch (const std::regex_error& e) {
     throw RegexError(e.what());
   }

@@ -1,14 +1,17 @@
 // Compiled regular expressions over UTF-16 text: the one place that knows which regex library
 // the engine uses.
 //
-// Two grammars: ECMAScript (regex vocabularies, variable references; searched) and POSIX
-// extended (intent rules; matched against the whole text). Matching is case-sensitive and
-// locale-independent (classic "C" rules: \w and [[:alpha:]] are ASCII). A `.` matches one UTF-16
-// unit.
+// Two grammars: ECMAScript (regex vocabularies; searched) and POSIX extended (intent rules;
+// matched against the whole text). Matching is case-sensitive and uses the classic "C" rules
+// whatever the host's global locale: \w and [[:alpha:]] are ASCII. A `.` matches one UTF-16 unit.
 //
-// Bounds, so that neither a configuration nor a query can exhaust the stack:
-//  - a pattern may nest groups at most kMaxRegexNesting deep, else it does not compile;
-//  - a subject may be at most kMaxRegexSubjectLength units long, else matching throws
+// Bounds, so that neither a configuration nor a query can exhaust the stack (the standard
+// library's matcher recurses; the worst case allowed needs about 4 MB of stack):
+//  - a pattern may be at most kMaxRegexPatternLength units long and nest groups at most
+//    kMaxRegexNesting deep, else it does not compile;
+//  - a text may be at most kMaxRegexSubjectLength units long; an ECMAScript expression whose
+//    groups nest n deep takes texts of at most kMaxRegexSearchWork / (n + 1) units (a POSIX
+//    whole match takes the full length whatever its nesting). Matching a longer text throws
 //    RegexError.
 //
 // A compiled Regex is immutable and may be used from any number of threads at once.
@@ -25,8 +28,10 @@ namespace rulenlu {
 
 enum class RegexGrammar { kEcmaScript, kPosixExtended };
 
+inline constexpr size_t kMaxRegexPatternLength = 4096;
 inline constexpr size_t kMaxRegexNesting = 256;
 inline constexpr size_t kMaxRegexSubjectLength = 2048;
+inline constexpr size_t kMaxRegexSearchWork = 2048;
 
 // Raised when a pattern does not compile or a match cannot be carried out.
 class RegexError : public std::runtime_error {

@@ -196,6 +196,7 @@ std::vector<SlotMatch> Tagger::Process(const char* query, std::u16string* wide_q
     if (query == nullptr) throw std::invalid_argument("no query");
     wide_query->clear();
     AppendUtf8ToUtf16(query, wide_query);
+    if (wide_query->size() > kMaxQueryLength) throw std::length_error("query too long");
     TagVocab(*wide_query, &tags);
     TagRegexVocab(*wide_query, &tags);
   } catch (...) {

@@ -20,6 +20,9 @@
 
 namespace rulenlu {
 
+// The longest query, in UTF-16 units, that the engine answers.
+inline constexpr size_t kMaxQueryLength = kMaxRegexSubjectLength;
+
 class Tagger {
  public:
   Tagger();
@@ -46,8 +49,8 @@ class Tagger {
   // Tags `query` (UTF-8, read up to its terminating NUL), leaving its UTF-16 form in
   // `*wide_query`. Returns all dictionary tags, ordered by vocabulary name, start and length,
   // followed by all regex tags, ordered by regex vocabulary name, pattern and match position.
-  // On success `status` is not touched. On any failure (malformed UTF-8, a regex that cannot be
-  // run, a pattern matching empty text, a null query) logs "tagger process exception!" on
+  // On success `status` is not touched. On any failure (malformed UTF-8, a query longer than
+  // kMaxQueryLength, a regex that cannot be run, a pattern matching empty text, a null query) logs "tagger process exception!" on
   // stderr, sets `status` to -1, clears `*wide_query` and returns no tag.
   std::vector<SlotMatch> Process(const char* query, std::u16string* wide_query, int& status) const;
 
