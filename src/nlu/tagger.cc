@@ -118,28 +118,22 @@ Tagger::WordTrie::WordTrie(const std::map<std::string, std::set<std::u16string>>
   first_end_.push_back(static_cast<uint32_t>(ends_.size()));
 }
 
-Tagger::Tagger() : trie_(std::make_unique<WordTrie>(vocabMap)) {}
+Tagger::Tagger()
+    : trie_(std::make_unique<WordTrie>(std::map<std::string, std::set<std::u16string>>())) {}
 
 Tagger::~Tagger() = default;
 
 void Tagger::Init(std::map<std::string, std::set<std::u16string>> vocab_map,
                   std::map<std::string, std::vector<std::u16string>> regex_vocab_map,
                   std::vector<std::pair<std::string, std::u16string>> variable_entries) {
-  vocabMap = std::move(vocab_map);
   regexVocabMap = std::move(regex_vocab_map);
-  vocabMaxLen.clear();
   regexVocabRegex.clear();
 
+  // The trie holds every word, and finds a word only where it fits: no per-vocabulary length
+  // bound is needed.
   vocab_names_.clear();
-  for (const auto& [name, words] : vocabMap) {
-    int32_t longest = 0;
-    for (const std::u16string& word : words) {
-      longest = std::max(longest, static_cast<int32_t>(word.size()));
-    }
-    vocabMaxLen.emplace(name, longest);
-    vocab_names_.push_back(name);
-  }
-  trie_ = std::make_unique<WordTrie>(vocabMap);
+  for (const auto& [name, words] : vocab_map) vocab_names_.push_back(name);
+  trie_ = std::make_unique<WordTrie>(vocab_map);
 
   LogLine(LogStream::kStdout, {"3333333333333333333333333"});
   if (!SubstituteVariables(std::move(variable_entries))) return;
@@ -180,8 +174,7 @@ std::u16string Tagger::ReplaceVariables(std::u16string text,
   size_t length = 0;
   while (FindReference(text, &start, &length)) {
     // The name sits between the leading "${" and the closing "}".
-    const std::string name =
-        Utf16ToUtf8(std::u16string_view(text).substr(start + 2, length - 3));
+    const std::string name = Utf16ToUtf8(std::u16string_view(text).substr(start + 2, length - 3));
     const auto found = variables.find(name);
     if (found == variables.end()) return std::u16string();
     text.replace(start, length, found->second);

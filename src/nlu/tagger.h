@@ -69,14 +69,12 @@ class Tagger {
                               const RegexSubject& subject, const Regex& regex,
                               std::vector<SlotMatch>* tags);
 
-  // Words of each vocabulary, and the length of its longest word in UTF-16 units.
-  std::map<std::string, std::set<std::u16string>> vocabMap;
-  std::map<std::string, int32_t> vocabMaxLen;
   // Patterns of each regex vocabulary, after variable expansion, and their compiled forms.
   std::map<std::string, std::vector<std::u16string>> regexVocabMap;
   std::map<std::string, std::vector<Regex>> regexVocabRegex;
 
-  // All words of vocabMap in one index; a word's vocabulary is its position in vocab_names_.
+  // The words of every vocabulary in one index; a word's vocabulary is its position in
+  // vocab_names_ (name order).
   std::vector<std::string> vocab_names_;
   std::unique_ptr<const WordTrie> trie_;
 };
