@@ -18,13 +18,6 @@ std::u16string WideString(const rapidjson::Value& value) {
   return Utf8ToUtf16(std::string_view(value.GetString()));
 }
 
-// Returns the value of the member `name` of `object`, or nullptr when there is none. With a
-// repeated name the first occurrence is found.
-const rapidjson::Value* FindMember(const rapidjson::Value& object, const char* name) {
-  const auto it = object.FindMember(name);
-  return it == object.MemberEnd() ? nullptr : &it->value;
-}
-
 const rapidjson::Value* FindArray(const rapidjson::Value& object, const char* name) {
   const rapidjson::Value* value = FindMember(object, name);
   return value != nullptr && value->IsArray() ? value : nullptr;

@@ -54,6 +54,13 @@ inline bool ParseJsonDocument(const std::string& text, rapidjson::Document* doc)
   return !doc->HasParseError();
 }
 
+// The value of the member `name` of `object`, or nullptr when there is none. With a repeated
+// name the first occurrence is found.
+inline const rapidjson::Value* FindMember(const rapidjson::Value& object, const char* name) {
+  const auto it = object.FindMember(name);
+  return it == object.MemberEnd() ? nullptr : &it->value;
+}
+
 }  // namespace rulenlu
 
 #endif  // RULENLU_CONFIG_JSON_H_

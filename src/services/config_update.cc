@@ -78,12 +78,11 @@ struct PublishedConfig {
 bool ParsePublishedConfig(const std::string& record, PublishedConfig* published) {
   rapidjson::Document doc;
   if (!ParseJsonDocument(record, &doc) || !doc.IsObject()) return false;
-  const auto version = doc.FindMember("version");
-  if (version == doc.MemberEnd() || !version->value.IsInt64()) return false;
-  const auto url = doc.FindMember("url");
-  if (url == doc.MemberEnd() || !url->value.IsString()) return false;
-  published->version = version->value.GetInt64();
-  published->url = url->value.GetString();  // up to the first NUL, like any C string
+  const rapidjson::Value* version = FindMember(doc, "version");
+  const rapidjson::Value* url = FindMember(doc, "url");
+  if (version == nullptr || !version->IsInt64() || url == nullptr || !url->IsString()) return false;
+  published->version = version->GetInt64();
+  published->url = url->GetString();  // up to the first NUL, like any C string
   return true;
 }
 
