@@ -165,7 +165,7 @@ Regex::Regex(std::u16string_view pattern, RegexGrammar grammar) {
   // A backtracking match recurses for every unit it consumes, the deeper the more groups
   // enclose it: it takes only texts short enough for the stack. A whole match of an extended
   // expression (which has no back-references) can also run breadth-first, which does not
-  // recurse per unit: that form takes the longer texts.
+  // recurse per unit but is slower: that form takes the longer texts, of any length.
   const bool ecma = grammar == RegexGrammar::kEcmaScript;
   impl_ = std::make_unique<Impl>();
   impl_->max_backtracking = std::min(kMaxRegexSubjectLength, kMaxRegexSearchWork / (nesting + 1));
@@ -175,7 +175,7 @@ Regex::Regex(std::u16string_view pattern, RegexGrammar grammar) {
     impl_->regex.imbue(std::locale::classic());
     impl_->regex.assign(units, ecma ? std::regex_constants::ECMAScript
                                     : std::regex_constants::extended);
-    if (!ecma && impl_->max_backtracking < kMaxRegexSubjectLength) {
+    if (!ecma) {
       impl_->breadth_first.imbue(std::locale::classic());
       impl_->breadth_first.assign(
           units, std::regex_constants::extended | std::regex_constants::__polynomial);
@@ -211,7 +211,7 @@ bool Regex::Search(const RegexSubject& subject, size_t from, RegexMatch* match) 
 
 bool Regex::FullMatch(const RegexSubject& subject) const {
   const bool backtrack = subject.size() <= impl_->max_backtracking;
-  CheckSubject(subject, impl_->has_breadth_first ? kMaxRegexSubjectLength : impl_->max_backtracking);
+  if (!impl_->has_breadth_first) CheckSubject(subject, impl_->max_backtracking);
   try {
     return std::regex_match(subject.units_, backtrack ? impl_->regex : impl_->breadth_first);
   } catch (const std::regex_error& e) {

@@ -9,10 +9,9 @@
 // library's matcher recurses; the worst case allowed needs about 4 MB of stack):
 //  - a pattern may be at most kMaxRegexPatternLength units long and nest groups at most
 //    kMaxRegexNesting deep, else it does not compile;
-//  - a text may be at most kMaxRegexSubjectLength units long; an ECMAScript expression whose
-//    groups nest n deep takes texts of at most kMaxRegexSearchWork / (n + 1) units (a POSIX
-//    whole match takes the full length whatever its nesting). Matching a longer text throws
-//    RegexError.
+//  - an ECMAScript expression whose groups nest n deep takes texts of at most
+//    min(kMaxRegexSubjectLength, kMaxRegexSearchWork / (n + 1)) units; matching a longer text
+//    throws RegexError. A POSIX whole match takes texts of any length.
 //
 // A compiled Regex is immutable and may be used from any number of threads at once.
 #ifndef RULENLU_NLU_REGEX_H_
