@@ -20,6 +20,7 @@
 #include "log_capture.h"
 #include "rulenlu/host_services.h"
 #include "subprocess.h"
+#include "test_env.h"
 
 namespace rulenlu::devhost {
 namespace {
@@ -71,14 +72,9 @@ struct Call final : cp::RequestInterface, cp::ResponseCallback, std::enable_shar
 class DevHostTest : public testing::Test {
  protected:
   void SetUp() override {
-    // Loopback only: a proxy from the environment must not see these requests.
-    for (const char* name : {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy",
-                             "ALL_PROXY"}) {
-      unsetenv(name);
-    }
-    std::string pattern = testing::TempDir() + "devhost_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
+    BypassProxies();
+    dir_ = MakeTempDir("devhost_");
+    ASSERT_NE(dir_, "");
     host_ = std::make_unique<DevHost>(dir_);
     server_.Get("/hello", [](const auto&, auto& res) { res.body = "hello"; });
     server_.Get("/to(.*)", [](const auto& req, auto& res) { res.set_redirect(req.matches[1]); });

@@ -16,6 +16,7 @@
 
 #include "engine/text.h"
 #include "log_capture.h"
+#include "tag_dump.h"
 
 namespace rulenlu {
 namespace {
@@ -31,15 +32,6 @@ IntentConfig Intent(const std::vector<std::string>& keys, std::vector<std::u16st
   IntentConfig intent{"name field, not used", {}, std::move(rules), {}};
   for (const std::string& key : keys) intent.slots.emplace_back("slot_" + key, key);
   return intent;
-}
-
-std::string DumpTags(const std::vector<SlotMatch>& tags) {
-  std::string out;
-  for (const SlotMatch& tag : tags) {
-    out += (out.empty() ? "" : " ") + tag.key + "=" + Utf16ToUtf8(tag.value) + "@" +
-           std::to_string(tag.start) + "+" + std::to_string(tag.length);
-  }
-  return out;
 }
 
 // Dumps the candidates as "intent[tags]", or "failed" for a failure as it must look: no

@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "test_env.h"
+
 namespace rulenlu {
 
 struct ProcessResult {
@@ -30,10 +32,10 @@ inline std::string ReadFileBytes(const std::string& path) {
 }
 
 // Runs `argv` (argv[0] is the program's path) with `input` on its standard input.
-inline ProcessResult RunProcess(const std::vector<std::string>& argv, const std::string& input = "") {
-  char dir_template[] = "/tmp/rulenlu-run-XXXXXX";
-  if (mkdtemp(dir_template) == nullptr) return {};
-  const std::string dir = dir_template;
+inline ProcessResult RunProcess(const std::vector<std::string>& argv,
+                                const std::string& input = "") {
+  const std::string dir = MakeTempDir("rulenlu-run-");
+  if (dir.empty()) return {};
   const std::string in_path = dir + "/in", out_path = dir + "/out", err_path = dir + "/err";
   std::ofstream(in_path, std::ios::binary) << input;
 

@@ -10,6 +10,7 @@
 
 #include "engine/text.h"
 #include "log_capture.h"
+#include "tag_dump.h"
 
 namespace rulenlu {
 namespace {
@@ -17,23 +18,13 @@ namespace {
 using Variables = std::vector<std::pair<std::string, std::u16string>>;
 using RegexVocabularies = std::map<std::string, std::vector<std::u16string>>;
 
-// Tags as "key:value@start+length", space-separated.
-std::string Dump(const std::vector<SlotMatch>& tags) {
-  std::string out;
-  for (const SlotMatch& tag : tags) {
-    out += (out.empty() ? "" : " ") + tag.key + ":" + Utf16ToUtf8(tag.value) + "@" +
-           std::to_string(tag.start) + "+" + std::to_string(tag.length);
-  }
-  return out;
-}
-
 // Dumps the tags of `query`, or "failed" for a failure as it must look: no tag, status -1, the
 // query's UTF-16 form cleared. A success must leave the status as the caller set it and the
 // query's UTF-16 form (up to its NUL) in place of whatever the output held.
 std::string Tags(const Tagger& tagger, const char* query) {
   std::u16string wide = u"stale";
   int status = 7;
-  const std::string dump = Dump(tagger.Process(query, &wide, status));
+  const std::string dump = DumpTags(tagger.Process(query, &wide, status));
   if (dump.empty() && status == -1 && wide.empty()) return "failed";
   EXPECT_EQ(status, 7);
   EXPECT_EQ(wide, Utf8ToUtf16(query));
@@ -42,7 +33,7 @@ std::string Tags(const Tagger& tagger, const char* query) {
 
 TEST(Tagger, InitExpandsVariablesThenCompilesEveryPattern) {
   const char* kQuery = "1 12:30 noon <xx>efirst\xE4\xBC\x9A";
-  const std::string kWords = "w:1@0+1 w:1@2+1";
+  const std::string kWords = "w=1@0+1 w=1@2+1";
   const RegexVocabularies uses_v = {{"r", {u"${v}"}}};
   // variables, regex vocabularies, log after the marker line, tags of kQuery.
   // clang-format off
@@ -55,7 +46,7 @@ TEST(Tagger, InitExpandsVariablesThenCompilesEveryPattern) {
        {{"time", {u"${h}:${m}", u"noon"}}, {"\xE4\xBC\x9A", {u"<${both}>${}${dup}\u4F1A"}}},
        "new regex:[0-9]{1,2}:[0-5][0-9]\nnew regex:noon\nnew regex:<xx>efirst\xE4\xBC\x9A\n"
        "pattern:[0-9]{1,2}:[0-5][0-9]\npattern:noon\npattern:<xx>efirst\xE4\xBC\x9A\n",
-       kWords + " time:12:30@2+5 time:noon@8+4 \xE4\xBC\x9A:<xx>efirst\xE4\xBC\x9A@13+11"},
+       kWords + " time=12:30@2+5 time=noon@8+4 \xE4\xBC\x9A=<xx>efirst\xE4\xBC\x9A@13+11"},
       // A failed expansion is silent and leaves every regex vocabulary out.
       {{{"v", u"${w}"}, {"w", u"1"}}, uses_v, "", kWords},  // refers to a later one
       {{{"v", u""}}, uses_v, "", kWords},
@@ -110,11 +101,11 @@ TEST(Tagger, FindsRegexMatchesInUtf16UnitsOnAnyThread) {
   // (^ only at its start, \b looks at the unit before); a byte-order mark is a character; the
   // query ends at its first NUL. Bad input and queries too long for a regex fail.
   const std::vector<std::pair<const char*, std::string>> cases = {
-      {"aaaaa", "pair:aa@0+2 pair:aa@2+2 pair:aaa@0+3 start:a@0+1"},
-      {"abab ab", "w:ab@0+2 w:ab@2+2 w:ab@5+2 any:b@1+1 any:b@3+1 any:b@6+1 start:a@0+1 "
-                  "word:ab@0+2 word:ab@5+2"},
-      {"\xEF\xBB\xBF\xF0\x9F\x98\x80xab", "w:\xF0\x9F\x98\x80@1+2 w:ab@4+2 any:x@3+1 any:b@5+1"},
-      {"ab\0ab", "w:ab@0+2 any:b@1+1 start:a@0+1 word:ab@0+2"}, {"", ""},
+      {"aaaaa", "pair=aa@0+2 pair=aa@2+2 pair=aaa@0+3 start=a@0+1"},
+      {"abab ab", "w=ab@0+2 w=ab@2+2 w=ab@5+2 any=b@1+1 any=b@3+1 any=b@6+1 start=a@0+1 "
+                  "word=ab@0+2 word=ab@5+2"},
+      {"\xEF\xBB\xBF\xF0\x9F\x98\x80xab", "w=\xF0\x9F\x98\x80@1+2 w=ab@4+2 any=x@3+1 any=b@5+1"},
+      {"ab\0ab", "w=ab@0+2 any=b@1+1 start=a@0+1 word=ab@0+2"}, {"", ""},
       {"b\xC3", "failed"}, {"b\xED\xA0\x80", "failed"}, {nullptr, "failed"},
       {too_long.c_str(), "failed"}};
   // clang-format on
@@ -169,7 +160,7 @@ TEST(Tagger, DictionaryTagsAgreeWithBruteForce) {
           }
         }
       }
-      ASSERT_EQ(Tags(tagger, Utf16ToUtf8(query).c_str()), Dump(expected)) << "round " << round;
+      ASSERT_EQ(Tags(tagger, Utf16ToUtf8(query).c_str()), DumpTags(expected)) << "round " << round;
     }
   }
   // One unit more is refused, even without regex vocabularies.

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "subprocess.h"
+#include "test_env.h"
 
 namespace rulenlu {
 namespace {
@@ -55,14 +56,9 @@ std::string CallAnswer(int version, const std::string& contact, bool known) {
 class UpdateEndToEndTest : public testing::Test {
  protected:
   void SetUp() override {
-    // Loopback only: a proxy from the environment must not see these requests.
-    for (const char* name : {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy",
-                             "ALL_PROXY"}) {
-      unsetenv(name);
-    }
-    std::string pattern = testing::TempDir() + "update_e2e_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
+    BypassProxies();
+    dir_ = MakeTempDir("update_e2e_");
+    ASSERT_NE(dir_, "");
     std::ofstream(dir_ + "/v1.json") << ConfigDocument(1, R"(["Alice"])", "[0-9]+");
     server_.Get("/config.json", [this](const httplib::Request&, httplib::Response& res) {
       ++hits_;
