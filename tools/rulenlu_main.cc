@@ -88,13 +88,9 @@ std::unique_ptr<rulenlu::NluEngine> BuildLocalEngine(const std::string& path, st
     *why = "cannot load configuration " + path + " (missing, unreadable or not a JSON object)";
     return nullptr;
   }
-  auto engine = std::make_unique<rulenlu::NluEngine>();
-  try {
-    engine->Init(*config);
-  } catch (const std::exception& e) {
-    *why = "configuration " + path + " cannot be built: " + e.what();
-    return nullptr;
-  }
+  std::string reason;
+  std::unique_ptr<rulenlu::NluEngine> engine = rulenlu::NluEngine::Build(*config, &reason);
+  if (engine == nullptr) *why = "configuration " + path + " cannot be built: " + reason;
   return engine;
 }
 

@@ -17,36 +17,24 @@
 namespace rulenlu {
 namespace {
 
-// A new engine built from `config`, or null when building throws (the reason goes to `why`).
-NluEngine* TryBuildEngine(const NluConfig& config, std::string* why) {
-  auto engine = std::make_unique<NluEngine>();
-  try {
-    engine->Init(config);
-  } catch (const std::exception& e) {
-    *why = e.what();
-    return nullptr;
-  }
-  return engine.release();
-}
-
 void InitEngine(const char* path) {
   const std::string local_path = path != nullptr ? path : "";
   ConfigSelection selection = SelectNluConfig(local_path);
   if (selection.config == nullptr) return;
   std::string why;
-  NluEngine* engine = TryBuildEngine(*selection.config, &why);
+  std::unique_ptr<NluEngine> engine = NluEngine::Build(*selection.config, &why);
   if (engine == nullptr && selection.from_cache) {
     // A poisoned download must not stop the client at every start: fall back to the local file.
     LogPrintf("remote config cannot build engine: %s", why.c_str());
     selection.config = LoadLocalConfigLogged(local_path);
     if (selection.config == nullptr) return;
-    engine = TryBuildEngine(*selection.config, &why);
+    engine = NluEngine::Build(*selection.config, &why);
   }
   if (engine == nullptr) {
     LogPrintf("engine build failed: %s", why.c_str());
     return;
   }
-  PublishEngine(engine);
+  PublishEngine(engine.release());
   try {
     StartRemoteConfigUpdate(selection.config->version);
   } catch (const std::exception& e) {

@@ -49,6 +49,17 @@ bool NluEngine::Init(NluConfig config) {
   return true;
 }
 
+std::unique_ptr<NluEngine> NluEngine::Build(NluConfig config, std::string* why) {
+  auto engine = std::make_unique<NluEngine>();
+  try {
+    engine->Init(std::move(config));
+  } catch (const std::exception& e) {
+    *why = e.what();
+    return nullptr;
+  }
+  return engine;
+}
+
 IntentCandidate NluEngine::Process(const char* query, int& status) const {
   if (tagger_ == nullptr) {
     status = kStatusNoTagger;

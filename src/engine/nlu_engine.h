@@ -40,6 +40,10 @@ class NluEngine {
   // the empty result. Never throws.
   NluResult Process(const std::string& query) const;
 
+  // A new engine built from `config`, or null when its stages cannot be built, with the reason
+  // in `*why`.
+  static std::unique_ptr<NluEngine> Build(NluConfig config, std::string* why);
+
   int64_t version() const { return version_; }
 
  private:
