@@ -167,13 +167,14 @@ bool RegexParser::ExtendCombination(const std::vector<SlotMatch>& sortedTags,
   const uint32_t last_unit =
       static_cast<uint32_t>(last.start) + static_cast<uint32_t>(last.length) - 1u;
   bool nothing_added = true;
+  Combination extension(combination);
+  extension.push_back(0);
   for (uint32_t i = 0; i < sortedTags.size(); ++i) {
     if (static_cast<uint32_t>(sortedTags[i].start) <= last_unit) continue;
-    Combination extension;
-    extension.reserve(combination.size() + 1);
-    extension.assign(combination.begin(), combination.end());
-    extension.push_back(i);
-    next->insert(std::move(extension));
+    extension.back() = i;
+    // Copied only when new: repeated equal tags make most extensions duplicates.
+    const auto at = next->lower_bound(extension);
+    if (at == next->end() || next->key_comp()(extension, *at)) next->emplace_hint(at, extension);
     nothing_added = false;
   }
   return nothing_added;
