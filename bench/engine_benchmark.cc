@@ -4,14 +4,14 @@
 #include <benchmark/benchmark.h>
 
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "base/file.h"
+#include "base/log.h"
+#include "base/text.h"
 #include "config/config_parser.h"
-#include "engine/log.h"
 #include "engine/nlu_engine.h"
-#include "engine/text.h"
 
 namespace rulenlu {
 namespace {
@@ -20,13 +20,6 @@ class NullSink : public LogSink {
  public:
   void Write(LogStream, std::string_view) override {}
 };
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 std::vector<std::string> ExampleQueries() {
   std::ifstream in(std::string(RULENLU_EXAMPLES_DIR) + "/queries.txt");
@@ -39,9 +32,8 @@ const NluEngine& ExampleEngine() {
   static NluEngine* engine = [] {
     static NullSink sink;
     SetLogSink(&sink);
-    auto* built = new NluEngine;
-    built->Init(*ParseNluConfig(ReadFile(std::string(RULENLU_EXAMPLES_DIR) + "/collab.json")));
-    return built;
+    return new NluEngine(
+        *ParseNluConfig(ReadWholeFile(std::string(RULENLU_EXAMPLES_DIR) + "/collab.json")));
   }();
   return *engine;
 }
@@ -71,14 +63,16 @@ BENCHMARK(BM_ProcessUntaggedQuery);
 void BM_ParseExampleConfig(benchmark::State& state) {
   static NullSink sink;
   SetLogSink(&sink);
-  const std::string document = ReadFile(std::string(RULENLU_EXAMPLES_DIR) + "/collab.json");
+  const std::string document = ReadWholeFile(std::string(RULENLU_EXAMPLES_DIR) + "/collab.json");
   for (auto _ : state) benchmark::DoNotOptimize(ParseNluConfig(document));
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(document.size()));
 }
 BENCHMARK(BM_ParseExampleConfig);
 
 void BM_Utf8ToUtf16(benchmark::State& state) {
-  const std::string text = "schedule a meeting with Zo\xC3\xAB \xC3\x98" "degaard tomorrow at 3pm \xF0\x9F\x93\x85";
+  const std::string text =
+      "schedule a meeting with Zo\xC3\xAB \xC3\x98"
+      "degaard tomorrow at 3pm \xF0\x9F\x93\x85";
   for (auto _ : state) benchmark::DoNotOptimize(Utf8ToUtf16(text));
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
 }

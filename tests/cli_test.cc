@@ -1,8 +1,7 @@
 // Drives the `rulenlu parse` command as scripts do: stdout carries one JSON line per query and
 // nothing else; exit status 0, 1 or 2.
-#include <rapidjson/document.h>
-
 #include <gtest/gtest.h>
+#include <rapidjson/document.h>
 
 #include <cstdio>
 #include <fstream>
@@ -46,8 +45,7 @@ TEST(CliParse, PrintsOneCompactJsonLinePerQuery) {
             "{\"version\":1,\"intent\":\"call_contact\",\"text\":\"call Jos\xC3\xA9 now\","
             "\"slots\":[{\"key\":\"call_verb\",\"value\":\"call\",\"start\":0,\"length\":4},"
             "{\"key\":\"contact\",\"value\":\"Jos\xC3\xA9\",\"start\":5,\"length\":4}]}");
-  EXPECT_EQ(lines[1],
-            "{\"version\":1,\"intent\":\"unknown\",\"text\":\"what's up\",\"slots\":[]}");
+  EXPECT_EQ(lines[1], "{\"version\":1,\"intent\":\"unknown\",\"text\":\"what's up\",\"slots\":[]}");
   // The engine's log goes to stderr, in order, ending with the two result lines.
   EXPECT_EQ(run.err.rfind("NluEngine: start tagger init\n", 0), 0u) << run.err;
   const std::string tail =
@@ -89,9 +87,9 @@ TEST(CliParse, AnswersFailedQueriesWithTheEmptyResult) {
 
 TEST(CliParse, ExitsWithOneWhenTheConfigurationDoesNotLoad) {
   const std::string not_json = WriteTempFile("{\"version\": 1,");
-  const std::string bad_pattern =
-      WriteTempFile(R"({"regexVocabMap": {"time": ["([0-9]"]}})");
-  for (const std::string& config : {std::string("/nonexistent/config.json"), not_json, bad_pattern}) {
+  const std::string bad_pattern = WriteTempFile(R"({"regexVocabMap": {"time": ["([0-9]"]}})");
+  for (const std::string& config :
+       {std::string("/nonexistent/config.json"), not_json, bad_pattern}) {
     const ProcessResult quiet = RunProcess({kCli, "parse", "--quiet", "--config", config, "q"});
     EXPECT_EQ(quiet.exit_code, 1) << config;
     EXPECT_EQ(quiet.out, "") << config;

@@ -1,4 +1,4 @@
-#include "config/config_selection.h"
+#include "engine/config_selection.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -17,7 +17,7 @@ namespace {
 
 using std::string_literals::operator""s;
 
-TEST(LoadNluConfig, PrefersAParsingCachedCopyAndFallsBackToTheLocalFile) {
+TEST(SelectNluConfig, PrefersAParsingCachedCopyAndFallsBackToTheLocalFile) {
   fake::FakeHost host;
   ServiceManagerHolder& holder = ServiceManagerHolder::Instance();
   holder.ResetForTesting();
@@ -30,28 +30,30 @@ TEST(LoadNluConfig, PrefersAParsingCachedCopyAndFallsBackToTheLocalFile) {
     const char* cached;  // the cache is left as it is when null
     const char* local;   // no file when null
     int64_t version;     // -1 for no configuration
-    std::string log;     // after the storage lookup
+    bool from_cache;
+    std::string log;  // after the storage lookup
   };
   const Case cases[] = {
       // While nothing is cached yet.
-      {nullptr, kLocal, 9, "remote config load failed" + use_local},
-      {nullptr, nullptr, -1, "remote config load failed"s + "local config load failed"},
-      {"", kLocal, 9, "remote config load failed" + use_local},  // an empty copy is no copy
+      {nullptr, kLocal, 9, false, "remote config load failed" + use_local},
+      {nullptr, nullptr, -1, false, "remote config load failed"s + "local config load failed"},
+      {"", kLocal, 9, false, "remote config load failed" + use_local},  // an empty copy is no copy
       // A cached copy that parses wins whatever its version; the local file is not even read.
-      {"{\"version\":5}", kLocal, 5, "use remote config. version=5"},
-      {"{\"version\":12}", nullptr, 12, "use remote config. version=12"},
-      {"<html>", kLocal, 9, "json is error." + use_local},
-      {"{\"vocabMap\":{\"p\":[\"\xFF\"]}}", kLocal, 9,
+      {"{\"version\":5}", kLocal, 5, true, "use remote config. version=5"},
+      {"{\"version\":12}", nullptr, 12, true, "use remote config. version=12"},
+      {"<html>", kLocal, 9, false, "json is error." + use_local},
+      {"{\"vocabMap\":{\"p\":[\"\xFF\"]}}", kLocal, 9, false,
        "remote config is invalid: bad conversion" + use_local},
-      {"not json", "also not json", -1, "json is error."s + "json is error."},
+      {"not json", "also not json", -1, false, "json is error."s + "json is error."},
   };
   for (const Case& c : cases) {
     if (c.cached != nullptr) host.kv->Set("wr_nlu_remote_config", c.cached);
     std::remove(path.c_str());
     if (c.local != nullptr) std::ofstream(path, std::ios::binary) << c.local;
     LogCapture log;
-    std::shared_ptr<NluConfig> config = LoadNluConfig(path);
-    EXPECT_EQ(config ? config->version : -1, c.version) << c.log;
+    const std::optional<ConfigSelection> selection = SelectNluConfig(path);
+    EXPECT_EQ(selection ? selection->config.version : -1, c.version) << c.log;
+    EXPECT_EQ(selection ? selection->from_cache : false, c.from_cache) << c.log;
     EXPECT_EQ(log.out(), host.StorageLookupLog() + c.log);
     EXPECT_EQ(log.err(), "");
   }

@@ -29,10 +29,6 @@ namespace fs = std::filesystem;
 using namespace std::literals;
 using Response = std::shared_ptr<cp::ResponseInterface>;
 
-constexpr char kStorageName[] = "class cp::StorageServiceInterface";
-constexpr char kGrayName[] = "class cp::GrayServiceInterface";
-constexpr char kHttpName[] = "class cp::HttpServiceInterface";
-
 // The interface `name` of the service `name`, the way the library looks services up.
 template <typename T>
 std::shared_ptr<T> Lookup(DevHost& host, const std::string& name) {
@@ -97,7 +93,9 @@ class DevHostTest : public testing::Test {
   }
 
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
-  auto Http() const { return Lookup<cp::HttpServiceInterface>(*host_, kHttpName); }
+  auto Http() const {
+    return Lookup<cp::HttpServiceInterface>(*host_, cp::HttpServiceInterface::kServiceName);
+  }
   auto To(const std::string& path) const { return std::make_shared<Call>(base_ + path); }
   // Sends `call`, waits for its outcome and returns its dump.
   std::string Fetch(const std::shared_ptr<Call>& call) {
@@ -115,12 +113,17 @@ class DevHostTest : public testing::Test {
 
 TEST_F(DevHostTest, KeyValuesAreWholeRawFilesUnderDistinctNames) {
   EXPECT_EQ(host_->manager()->GetService("cp::StorageServiceInterface"), nullptr);
-  EXPECT_EQ(host_->manager()->GetService(kGrayName)->GetInterface(kStorageName), nullptr);
+  EXPECT_EQ(host_->manager()
+                ->GetService(cp::GrayServiceInterface::kServiceName)
+                ->GetInterface(cp::StorageServiceInterface::kServiceName),
+            nullptr);
   const std::map<std::string, std::string> cases = {
       {"A-z_0.9", "A-z_0.9"}, {"...", "..."},         {".", "%2E"},         {"..", "%2E%2E"},
       {"a/b", "a%2Fb"},       {"a%2Fb", "a%252Fb"},   {"../up", "..%2Fup"}, {"x y", "x%20y"},
       {"~t", "%7Et"},         {"\xC3\xBC", "%C3%BC"}, {"n\0l"s, "n%00l"}};
-  const auto kv = Lookup<cp::StorageServiceInterface>(*host_, kStorageName)->GetKvStorage();
+  const auto kv =
+      Lookup<cp::StorageServiceInterface>(*host_, cp::StorageServiceInterface::kServiceName)
+          ->GetKvStorage();
   for (const auto& [key, file] : cases) {
     ASSERT_TRUE(kv->Write(key, key + "\0\xFF\r\n"s)) << file;
     EXPECT_EQ(ReadFileBytes(Path("kv/" + file)), key + "\0\xFF\r\n"s);
@@ -148,7 +151,8 @@ TEST_F(DevHostTest, KeyValuesAreWholeRawFilesUnderDistinctNames) {
 }
 
 TEST_F(DevHostTest, GrayValuesComeFromTheFileAtEachLookup) {
-  const auto gray = Lookup<cp::GrayServiceInterface>(*host_, kGrayName);
+  const auto gray =
+      Lookup<cp::GrayServiceInterface>(*host_, cp::GrayServiceInterface::kServiceName);
   EXPECT_EQ(gray->GetValue("wren", "loom_nlu_config", "dflt"), "dflt");  // no file yet
   std::ofstream(Path("gray.json")) << R"({"ns": {"k": "v", "number": 7, "empty": "",
       "dup": "first", "dup": "second"}, "other": {"k": "elsewhere"}, "flat": 1})";

@@ -1,5 +1,3 @@
-#include "engine/nlu_engine.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
@@ -7,6 +5,7 @@
 #include <vector>
 
 #include "config/config_parser.h"
+#include "engine/nlu_engine.h"
 #include "log_capture.h"
 #include "result_dump.h"
 
@@ -35,11 +34,9 @@ constexpr char kCallConfig[] = R"json({
 })json";
 
 std::unique_ptr<NluEngine> BuildEngine(const std::string& document) {
-  std::shared_ptr<NluConfig> config = ParseNluConfig(document);
-  if (config == nullptr) return nullptr;
-  auto engine = std::make_unique<NluEngine>();
-  engine->Init(*config);
-  return engine;
+  std::optional<NluConfig> config = ParseNluConfig(document);
+  if (!config.has_value()) return nullptr;
+  return std::make_unique<NluEngine>(std::move(*config));
 }
 
 std::string Dump(const NluResult& result) { return DumpResult(result); }
@@ -115,13 +112,15 @@ TEST(NluEngine, EveryStageFailureGivesTheEmptyResult) {
   {
     LogCapture capture;  // invalid UTF-8: the tagger fails
     EXPECT_EQ(Dump(engine->Process(std::string("Tom \xC3"))), "0|||");
-    EXPECT_EQ(capture.err(), "tagger process exception!\n");
+    EXPECT_EQ(engine->Understand("b\xED\xA0\x80").status, kStatusTaggerFailed);
+    EXPECT_EQ(capture.err(), "tagger process exception!\ntagger process exception!\n");
     EXPECT_EQ(capture.out(), "result :\n");
   }
   {
     LogCapture capture;  // the rule that does not compile is tried: the parser fails
     EXPECT_EQ(Dump(engine->Process(std::string("oops"))), "0|||");
-    EXPECT_EQ(capture.err(), "regex parser process exception!\n");
+    EXPECT_EQ(engine->Understand("oops").status, kStatusParserFailed);
+    EXPECT_EQ(capture.err(), "regex parser process exception!\nregex parser process exception!\n");
   }
   {
     LogCapture capture;  // queries that never reach that rule are unaffected
@@ -146,16 +145,22 @@ TEST(NluEngine, RejectsQueriesTooLongToMatch) {
 
 TEST(NluEngine, AnswersTheSameFromManyThreads) {
   auto engine = BuildEngine(kCallConfig);
-  const std::vector<std::string> queries = {
-      "call Tom", "ring Anna at 7am", "video call Jos\xC3\xA9 at 11:15 pm", "call nobody",
-      "call \xE6\x9D\x8E\xE4\xBC\x9F", "Tom \xC3", "", "ring Tom at 13pm"};
+  const std::vector<std::string> queries = {"call Tom",
+                                            "ring Anna at 7am",
+                                            "video call Jos\xC3\xA9 at 11:15 pm",
+                                            "call nobody",
+                                            "call \xE6\x9D\x8E\xE4\xBC\x9F",
+                                            "Tom \xC3",
+                                            "",
+                                            "ring Tom at 13pm"};
   std::vector<std::string> expected;
   {
     LogCapture quiet;
     for (const std::string& query : queries) expected.push_back(Dump(engine->Process(query)));
   }
-  EXPECT_EQ(expected[1], "42|call_contact|ring Anna at 7am|call_verb=ring@0+4;contact=Anna@5+4;"
-                         "time=7am@13+3;");
+  EXPECT_EQ(expected[1],
+            "42|call_contact|ring Anna at 7am|call_verb=ring@0+4;contact=Anna@5+4;"
+            "time=7am@13+3;");
   LogCapture quiet;
   std::vector<int> mismatches(8, 0);
   std::vector<std::thread> threads;

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -7,8 +8,6 @@
 #include <fstream>
 #include <string>
 #include <typeinfo>
-
-#include <unistd.h>
 
 #include "fake_host.h"
 #include "log_capture.h"
@@ -37,7 +36,8 @@ constexpr char kPoisonedInitLog[] =
 // The log of a cache read while no manager is attached.
 std::string NoCacheLog() {
   const size_t hash = typeid(cp::StorageServiceInterface).hash_code();
-  return fake::ExpectedLookupLog(fake::kStorageServiceName, hash, nullptr, nullptr) +
+  return fake::ExpectedLookupLog(cp::StorageServiceInterface::kServiceName, hash, nullptr,
+                                 nullptr) +
          "storage is null" + "remote config load failed";
 }
 
@@ -87,16 +87,17 @@ class ExportsTest : public testing::Test {
   }
 
   fake::FakeHost host_;
-  const std::string local_path_ = testing::TempDir() + "exports_" + std::to_string(getpid()) +
-                                  "_" + testing::UnitTest::GetInstance()->current_test_info()->name();
+  const std::string local_path_ = testing::TempDir() + "exports_" + std::to_string(getpid()) + "_" +
+                                  testing::UnitTest::GetInstance()->current_test_info()->name();
 };
 
 TEST_F(ExportsTest, InitFromLocalFileWithoutManager) {
   const size_t gray_hash = typeid(cp::GrayServiceInterface).hash_code();
-  EXPECT_EQ(Init(),
-            NoCacheLog() + "use local config. version=9" + kEngineInitLog + "config update." +
-                fake::ExpectedLookupLog(fake::kGrayServiceName, gray_hash, nullptr, nullptr) +
-                "gray is null.");
+  EXPECT_EQ(Init(), NoCacheLog() + "use local config. version=9" + kEngineInitLog +
+                        "config update." +
+                        fake::ExpectedLookupLog(cp::GrayServiceInterface::kServiceName, gray_hash,
+                                                nullptr, nullptr) +
+                        "gray is null.");
   LogCapture capture;
   EXPECT_EQ(Ask("call Anna"), "9|call|call Anna|contact=Anna@5+4;");
   EXPECT_EQ(Ask("call \xC3"), "0|||");  // every failure gives the empty result

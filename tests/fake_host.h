@@ -27,9 +27,6 @@ namespace rulenlu {
 namespace fake {
 
 // The names under which the client knows its services and their interfaces.
-inline constexpr char kStorageServiceName[] = "class cp::StorageServiceInterface";
-inline constexpr char kGrayServiceName[] = "class cp::GrayServiceInterface";
-inline constexpr char kHttpServiceName[] = "class cp::HttpServiceInterface";
 
 // The log text the library writes for one lookup of service `name`, whose interface has the type
 // hash `type_hash`, through `manager` (null when none is attached) finding `service` (null when
@@ -236,14 +233,17 @@ struct FakeHost {
   const std::shared_ptr<FakeGrayService> gray = std::make_shared<FakeGrayService>();
   const std::shared_ptr<FakeHttpService> http = std::make_shared<FakeHttpService>();
   const std::shared_ptr<FakeService<cp::StorageServiceInterface>> storage_service =
-      std::make_shared<FakeService<cp::StorageServiceInterface>>(kStorageServiceName, storage);
+      std::make_shared<FakeService<cp::StorageServiceInterface>>(
+          cp::StorageServiceInterface::kServiceName, storage);
   const std::shared_ptr<FakeService<cp::GrayServiceInterface>> gray_service =
-      std::make_shared<FakeService<cp::GrayServiceInterface>>(kGrayServiceName, gray);
+      std::make_shared<FakeService<cp::GrayServiceInterface>>(
+          cp::GrayServiceInterface::kServiceName, gray);
   const std::shared_ptr<FakeService<cp::HttpServiceInterface>> http_service =
-      std::make_shared<FakeService<cp::HttpServiceInterface>>(kHttpServiceName, http);
-  FakeServiceManager manager{{{kStorageServiceName, storage_service},
-                              {kGrayServiceName, gray_service},
-                              {kHttpServiceName, http_service}}};
+      std::make_shared<FakeService<cp::HttpServiceInterface>>(
+          cp::HttpServiceInterface::kServiceName, http);
+  FakeServiceManager manager{{{cp::StorageServiceInterface::kServiceName, storage_service},
+                              {cp::GrayServiceInterface::kServiceName, gray_service},
+                              {cp::HttpServiceInterface::kServiceName, http_service}}};
 };
 
 }  // namespace fake

@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "base/error.h"
 #include "log_capture.h"
 
 namespace rulenlu {
@@ -29,9 +30,9 @@ class LoadLocalNluConfigTest : public ::testing::Test {
   }
 
   // Loads `path`, expecting `log` on standard output and nothing on standard error.
-  std::shared_ptr<NluConfig> Load(const std::string& path, const std::string& log) {
+  std::optional<NluConfig> Load(const std::string& path, const std::string& log) {
     LogCapture capture;
-    std::shared_ptr<NluConfig> config = LoadLocalNluConfig(path);
+    std::optional<NluConfig> config = LoadLocalNluConfig(path);
     EXPECT_EQ(capture.out(), log) << path;
     EXPECT_EQ(capture.err(), "");
     return config;
@@ -52,8 +53,8 @@ TEST_F(LoadLocalNluConfigTest, ReadsTheWholeFileUpToItsFirstNulByte) {
   for (const std::string& text : {document("\n"), document("\r\n"), document("") + "\0{"s}) {
     const std::string path =
         Write("\xE9\x85\x8D\xE7\xBD\xAE \xC3\xA9/nlu \xF0\x9F\x98\x80.json", text);
-    std::shared_ptr<NluConfig> config = Load(path, "");
-    ASSERT_NE(config, nullptr);
+    std::optional<NluConfig> config = Load(path, "");
+    ASSERT_NE(config, std::nullopt);
     EXPECT_EQ(config->version, 9);
     EXPECT_EQ(config->vocabMap.at("person"), (std::set<std::u16string>{u"Tom", u"\u5f20\u4e09"}));
     EXPECT_EQ(config->vocabMap.at("many").size(), 50000u);
@@ -63,16 +64,16 @@ TEST_F(LoadLocalNluConfigTest, ReadsTheWholeFileUpToItsFirstNulByte) {
 TEST_F(LoadLocalNluConfigTest, ReportsFilesThatCannotBeReadOrParsed) {
   const std::string present = Write("present.json", "{\"version\":3}");
   for (const std::string& path : {dir_ + "/none", dir_, present + "/x", ""s, dir_ + "/none/"})
-    EXPECT_EQ(Load(path, "local config load failed"), nullptr);
+    EXPECT_EQ(Load(path, "local config load failed"), std::nullopt);
   // A NUL byte ends the path, as it would for any C file name.
-  EXPECT_NE(Load(present + "\0.bak"s, ""), nullptr);
+  EXPECT_NE(Load(present + "\0.bak"s, ""), std::nullopt);
   for (const std::string& text : {""s, "\xEF\xBB\xBF{}"s, "\0{}"s, "{\"version\":3\0}"s})
-    EXPECT_EQ(Load(Write("bad.json", text), "json is error."), nullptr);
+    EXPECT_EQ(Load(Write("bad.json", text), "json is error."), std::nullopt);
   // Conversion errors pass to the caller, unlogged.
   const std::string invalid = Write("utf8.json", "{\"vocabMap\":{\"v\":[\"\xFF\"]}}");
   LogCapture log;
   EXPECT_THAT([&] { LoadLocalNluConfig(invalid); },
-              testing::ThrowsMessage<std::range_error>(testing::StrEq("bad conversion")));
+              testing::ThrowsMessage<ConversionError>(testing::StrEq("bad conversion")));
   EXPECT_EQ(log.out(), "");
 }
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "engine/log.h"
+#include "base/log.h"
 
 namespace rulenlu {
 

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "engine/text.h"
+#include "base/text.h"
 
 namespace rulenlu {
 namespace {
@@ -31,13 +31,9 @@ std::string Dump(const IntentCandidate& candidate) {
   return out;
 }
 
-// Dumps the winner; ranking must succeed and leave the status as the caller set it.
 std::string Winner(const std::vector<IntentCandidate>& candidates,
                    const std::u16string& query = u"the query") {
-  int status = 7;
-  const std::string winner = Dump(Ranker().Rank(query, candidates, status));
-  EXPECT_EQ(status, 7);
-  return winner;
+  return Dump(Ranker::Rank(query, candidates));
 }
 
 TEST(Ranker, PrefersMostUnitsThenFewestSlotsThenTheEarliest) {

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "engine/text.h"
+#include "base/text.h"
 
 namespace rulenlu {
 namespace {
@@ -92,17 +92,26 @@ TEST(Regex, SearchesAndMatchesWithinBounds) {
   EXPECT_FALSE(nested.Search(RegexSubject(longest), 0, &match));
   EXPECT_THROW(nested.Search(RegexSubject(longest + u"a"), 0, &match), RegexError);
   // A whole match is not bound by nesting: it takes texts of the full length.
-  EXPECT_TRUE(Regex(u"((a|b))*z", P)
-                  .FullMatch(RegexSubject(std::u16string(kMaxRegexSubjectLength - 1, u'a') + u"z")));
+  EXPECT_TRUE(
+      Regex(u"((a|b))*z", P)
+          .FullMatch(RegexSubject(std::u16string(kMaxRegexSubjectLength - 1, u'a') + u"z")));
 }
 
 // Character classes, word boundaries and brackets are answered from tables for ASCII: every
 // answer must be the standard library's, for ASCII and beyond.
 TEST(Regex, ClassifiesExactlyAsTheStandardLibrary) {
-  const std::vector<std::u16string> patterns = {
-      u"\\b\\w+\\b", u"\\B.\\B", u"\\d+\\s*\\D", u"[[:alpha:]]+", u"[[:alnum:][:punct:]]+",
-      u"[^[:space:]]+", u"[[:upper:]][[:lower:]]*", u"[[=e=]x]+", u"[a-f0-9_]+", u"[^\\W\\d]+",
-      u"[[:xdigit:][:blank:]]+", u"\\S\\W"};
+  const std::vector<std::u16string> patterns = {u"\\b\\w+\\b",
+                                                u"\\B.\\B",
+                                                u"\\d+\\s*\\D",
+                                                u"[[:alpha:]]+",
+                                                u"[[:alnum:][:punct:]]+",
+                                                u"[^[:space:]]+",
+                                                u"[[:upper:]][[:lower:]]*",
+                                                u"[[=e=]x]+",
+                                                u"[a-f0-9_]+",
+                                                u"[^\\W\\d]+",
+                                                u"[[:xdigit:][:blank:]]+",
+                                                u"\\S\\W"};
   const std::u16string alphabet = u"aZ_9 \t-.,eE\u00E9\u00C9\u4F1A\u0661\u00A0\u2028x";
   std::mt19937 random(7);
   for (const std::u16string& pattern : patterns) {

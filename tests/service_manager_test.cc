@@ -42,8 +42,8 @@ TEST_F(ServiceManagerTest, FirstManagerIsKeptWithOneReferenceAndServesEveryLooku
   ASSERT_TRUE(Holder().Attach(&empty));
   ExpectLookup<cp::GrayServiceInterface>(
       nullptr,
-      fake::ExpectedLookupLog(fake::kGrayServiceName, typeid(cp::GrayServiceInterface).hash_code(),
-                              &empty, nullptr));
+      fake::ExpectedLookupLog(cp::GrayServiceInterface::kServiceName,
+                              typeid(cp::GrayServiceInterface).hash_code(), &empty, nullptr));
   // Neither another manager nor the same one again is taken, and neither gets a reference.
   EXPECT_FALSE(Holder().Attach(&host_.manager));
   EXPECT_FALSE(Holder().Attach(&empty));

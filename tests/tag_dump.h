@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "engine/records.h"
-#include "engine/text.h"
+#include "base/records.h"
+#include "base/text.h"
 
 namespace rulenlu {
 

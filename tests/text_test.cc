@@ -1,4 +1,4 @@
-#include "engine/text.h"
+#include "base/text.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,6 +9,8 @@
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include "base/error.h"
 
 namespace rulenlu {
 namespace {
@@ -30,7 +32,7 @@ TEST(Utf8ToUtf16, DecodesEveryEncodingLength) {
 }
 
 TEST(Utf8ToUtf16, RejectsWhatIsNotWellFormed) {
-  const auto rejected = ThrowsMessage<std::range_error>(StrEq("bad conversion"));
+  const auto rejected = ThrowsMessage<ConversionError>(StrEq("bad conversion"));
   // Stray and missing continuation bytes, overlong forms, encoded surrogates, values above
   // U+10FFFF, five-byte forms and bytes that never occur.
   for (const char* bytes :

@@ -6,22 +6,23 @@
 // go to stderr (or nowhere with --quiet). Exit status: 0 when the configuration loaded, 1 when
 // it did not, 2 on a usage error, 3 when the results could not be written.
 #include <CLI/CLI.hpp>
-
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "base/error.h"
+#include "base/log.h"
 #include "config/local_config.h"
 #include "devhost/dev_host.h"
 #include "engine/engine_slot.h"
-#include "engine/log.h"
 #include "engine/nlu_engine.h"
 #include "result_json.h"
 #include "rulenlu/engine_api.h"
@@ -71,27 +72,25 @@ int Fail(const std::string& message) {
   return kExitNoConfig;
 }
 
-// Loads the configuration file as the engine loads its local file; null with a message on
-// failure.
-std::unique_ptr<rulenlu::NluEngine> BuildLocalEngine(const std::string& path, std::string* why) {
-  std::shared_ptr<rulenlu::NluConfig> config;
+// The engine of the configuration file at `path`, loaded as the engine loads its local file.
+// Throws rulenlu::Error, with a message for the user, when it cannot be loaded or built.
+std::unique_ptr<rulenlu::NluEngine> BuildLocalEngine(const std::string& path) {
+  std::optional<rulenlu::NluConfig> config;
   try {
     config = rulenlu::LoadLocalNluConfig(path);
-  } catch (const std::range_error& e) {
-    *why = "configuration " + path + " holds text that is not UTF-8 (" + e.what() + ")";
-    return nullptr;
-  } catch (const std::exception& e) {
-    *why = "cannot load configuration " + path + ": " + e.what();
-    return nullptr;
+  } catch (const rulenlu::ConversionError& e) {
+    throw rulenlu::Error("configuration " + path + " holds text that is not UTF-8 (" + e.what() +
+                         ")");
   }
-  if (config == nullptr) {
-    *why = "cannot load configuration " + path + " (missing, unreadable or not a JSON object)";
-    return nullptr;
+  if (!config.has_value()) {
+    throw rulenlu::Error("cannot load configuration " + path +
+                         " (missing, unreadable or not a JSON object)");
   }
-  std::string reason;
-  std::unique_ptr<rulenlu::NluEngine> engine = rulenlu::NluEngine::Build(*config, &reason);
-  if (engine == nullptr) *why = "configuration " + path + " cannot be built: " + reason;
-  return engine;
+  try {
+    return std::make_unique<rulenlu::NluEngine>(std::move(*config));
+  } catch (const rulenlu::Error& e) {
+    throw rulenlu::Error("configuration " + path + " cannot be built: " + e.what());
+  }
 }
 
 // Runs each query (the arguments, else each line of stdin) through `answer`. Returns false,
@@ -125,11 +124,14 @@ int RunParse(const ParseOptions& options) {
   rulenlu::SetLogSink(g_log_sink);
 
   if (options.state.empty()) {
-    std::string why;
-    std::unique_ptr<rulenlu::NluEngine> engine = BuildLocalEngine(options.config, &why);
-    if (engine == nullptr) return Fail(why);
-    const bool written =
-        RunQueries(options.queries, [&](const std::string& query) { return engine->Process(query); });
+    std::unique_ptr<rulenlu::NluEngine> engine;
+    try {
+      engine = BuildLocalEngine(options.config);
+    } catch (const rulenlu::Error& e) {
+      return Fail(e.what());
+    }
+    const bool written = RunQueries(
+        options.queries, [&](const std::string& query) { return engine->Process(query); });
     return written ? 0 : kExitNoOutput;
   }
 
@@ -147,8 +149,9 @@ int RunParse(const ParseOptions& options) {
     });
   }
   if (options.wait_update > 0) {
-    const auto deadline = std::chrono::steady_clock::now() +
-                          std::chrono::milliseconds(static_cast<int64_t>(options.wait_update * 1000));
+    const auto deadline =
+        std::chrono::steady_clock::now() +
+        std::chrono::milliseconds(static_cast<int64_t>(options.wait_update * 1000));
     auto left = [&] {
       return std::chrono::duration_cast<std::chrono::milliseconds>(
           deadline - std::chrono::steady_clock::now());
@@ -177,17 +180,20 @@ int main(int argc, char** argv) {
   CLI::App app{"rulenlu: rule-based natural-language understanding"};
   app.require_subcommand(1);
   ParseOptions options;
-  CLI::App* parse = app.add_subcommand("parse", "Answer queries with the engine, one JSON line each");
+  CLI::App* parse =
+      app.add_subcommand("parse", "Answer queries with the engine, one JSON line each");
   parse->add_option("--config", options.config, "Configuration document (JSON); required")
       ->required()
       ->option_text("FILE");
   parse->add_flag("--quiet", options.quiet, "Do not print the engine's log lines on stderr");
-  parse->add_option("--state", options.state,
-                    "Development host state directory: start as the client does, with its "
-                    "cached configuration and update")
+  parse
+      ->add_option("--state", options.state,
+                   "Development host state directory: start as the client does, with its "
+                   "cached configuration and update")
       ->option_text("DIR");
-  parse->add_option("--wait-update", options.wait_update,
-                    "With --state: wait up to SECONDS for the configuration update to finish")
+  parse
+      ->add_option("--wait-update", options.wait_update,
+                   "With --state: wait up to SECONDS for the configuration update to finish")
       ->check(CLI::Range(0.0, 86400.0))
       ->option_text("SECONDS");
   parse->add_option("queries", options.queries, "Queries (default: one per line on stdin)")

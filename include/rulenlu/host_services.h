@@ -99,9 +99,12 @@ class KvStorageInterface {
   ~KvStorageInterface() = default;
 };
 
-// Service name and type name: "class cp::StorageServiceInterface".
+// Service name and type name: kServiceName.
 class StorageServiceInterface {
  public:
+  // The name the client registers this service under, which is also the interface's type name.
+  static constexpr char kServiceName[] = "class cp::StorageServiceInterface";
+
   virtual void Reserved0() {}
   // Slot 1: the key-value store, or null when unavailable.
   virtual std::shared_ptr<KvStorageInterface> GetKvStorage() = 0;
@@ -110,9 +113,12 @@ class StorageServiceInterface {
   ~StorageServiceInterface() = default;
 };
 
-// Service name and type name: "class cp::GrayServiceInterface".
+// Service name and type name: kServiceName.
 class GrayServiceInterface {
  public:
+  // The name the client registers this service under, which is also the interface's type name.
+  static constexpr char kServiceName[] = "class cp::GrayServiceInterface";
+
   virtual void Reserved0() {}
   virtual void Reserved1() {}
   // Slot 2: the gray-release value of `key` in `name_space`, or `default_value` when unset.
@@ -174,9 +180,12 @@ class ResponseCallback {
   virtual void OnProgress(int64_t received, int64_t total) = 0;
 };
 
-// Service name and type name: "class cp::HttpServiceInterface".
+// Service name and type name: kServiceName.
 class HttpServiceInterface {
  public:
+  // The name the client registers this service under, which is also the interface's type name.
+  static constexpr char kServiceName[] = "class cp::HttpServiceInterface";
+
   virtual void Reserved0() {}
   // Slot 1: starts `request`; the outcome goes to `callback`, possibly before this returns.
   // Returns whether the request was started.

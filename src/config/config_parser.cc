@@ -4,9 +4,9 @@
 #include <utility>
 #include <vector>
 
-#include "config/json.h"
-#include "engine/log.h"
-#include "engine/text.h"
+#include "base/json.h"
+#include "base/log.h"
+#include "base/text.h"
 
 namespace rulenlu {
 namespace {
@@ -61,25 +61,13 @@ IntentConfig ReadIntent(const rapidjson::Value& object) {
   return intent;
 }
 
-}  // namespace
+// The section readers. Each reads one member of the root object `root` into its field of
+// `config`; a missing member or one of the wrong type leaves the field as it is. Strings are
+// taken up to their first NUL character.
 
-std::shared_ptr<NluConfig> ParseNluConfig(const std::string& text) {
-  auto config = std::make_shared<NluConfig>();
-  rapidjson::Document doc;
-  if (!ParseJsonDocument(text, &doc) || !doc.IsObject()) {
-    LogPrintf("json is error.");
-    return nullptr;
-  }
-  const rapidjson::Value* version = FindMember(doc, "version");
-  if (version != nullptr && version->IsInt64()) config->version = version->GetInt64();
-  ParseVariableEntrys(doc, config);
-  ParseRegexVocabMap(doc, config);
-  ParseVocabMap(doc, config);
-  ParseIntentMap(doc, config);
-  return config;
-}
-
-void ParseVariableEntrys(const rapidjson::Value& root, const std::shared_ptr<NluConfig>& config) {
+// Appends a (key, value) pair for every element of "variableEntrys" that is an object whose
+// "key" and "value" are both strings, in document order.
+void ParseVariableEntrys(const rapidjson::Value& root, NluConfig* config) {
   const rapidjson::Value* entries = FindArray(root, "variableEntrys");
   if (entries == nullptr) return;
   for (const rapidjson::Value& entry : entries->GetArray()) {
@@ -92,7 +80,9 @@ void ParseVariableEntrys(const rapidjson::Value& root, const std::shared_ptr<Nlu
   }
 }
 
-void ParseRegexVocabMap(const rapidjson::Value& root, const std::shared_ptr<NluConfig>& config) {
+// Stores, for every member of "regexVocabMap" whose value is an array, its string elements in
+// order (duplicates kept). A name that occurs twice keeps its last array.
+void ParseRegexVocabMap(const rapidjson::Value& root, NluConfig* config) {
   const rapidjson::Value* map = FindObject(root, "regexVocabMap");
   if (map == nullptr) return;
   for (const auto& member : map->GetObject()) {
@@ -101,7 +91,9 @@ void ParseRegexVocabMap(const rapidjson::Value& root, const std::shared_ptr<NluC
   }
 }
 
-void ParseVocabMap(const rapidjson::Value& root, const std::shared_ptr<NluConfig>& config) {
+// Stores, for every member of "vocabMap" whose value is an array, the set of its string
+// elements. A name that occurs twice keeps its last array.
+void ParseVocabMap(const rapidjson::Value& root, NluConfig* config) {
   const rapidjson::Value* map = FindObject(root, "vocabMap");
   if (map == nullptr) return;
   for (const auto& member : map->GetObject()) {
@@ -114,13 +106,33 @@ void ParseVocabMap(const rapidjson::Value& root, const std::shared_ptr<NluConfig
   }
 }
 
-void ParseIntentMap(const rapidjson::Value& root, const std::shared_ptr<NluConfig>& config) {
+// Stores an IntentConfig for every member of "intentMap" whose value is an object. A key that
+// occurs twice keeps the last object wholly.
+void ParseIntentMap(const rapidjson::Value& root, NluConfig* config) {
   const rapidjson::Value* map = FindObject(root, "intentMap");
   if (map == nullptr) return;
   for (const auto& member : map->GetObject()) {
     if (!member.value.IsObject()) continue;
     config->intentMap[NarrowString(member.name)] = ReadIntent(member.value);
   }
+}
+
+}  // namespace
+
+std::optional<NluConfig> ParseNluConfig(const std::string& text) {
+  rapidjson::Document doc;
+  if (!ParseJsonDocument(text, &doc) || !doc.IsObject()) {
+    LogPrintf("json is error.");
+    return std::nullopt;
+  }
+  NluConfig config;
+  const rapidjson::Value* version = FindMember(doc, "version");
+  if (version != nullptr && version->IsInt64()) config.version = version->GetInt64();
+  ParseVariableEntrys(doc, &config);
+  ParseRegexVocabMap(doc, &config);
+  ParseVocabMap(doc, &config);
+  ParseIntentMap(doc, &config);
+  return config;
 }
 
 }  // namespace rulenlu

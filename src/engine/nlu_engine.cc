@@ -1,10 +1,11 @@
 #include "engine/nlu_engine.h"
 
-#include <exception>
+#include <new>
 #include <utility>
 
-#include "engine/log.h"
-#include "engine/text.h"
+#include "base/error.h"
+#include "base/log.h"
+#include "base/text.h"
 #include "nlu/ranker.h"
 #include "nlu/regex_parser.h"
 #include "nlu/tagger.h"
@@ -12,7 +13,7 @@
 namespace rulenlu {
 namespace {
 
-// The host-facing form of `candidate`; throws std::range_error on text that cannot be encoded.
+// The host-facing form of `candidate`; throws ConversionError on text that cannot be encoded.
 NluResult ToNluResult(const IntentCandidate& candidate) {
   NluResult result;
   result.version = candidate.version;
@@ -30,65 +31,67 @@ NluResult ToNluResult(const IntentCandidate& candidate) {
   return result;
 }
 
+std::unique_ptr<const Tagger> MakeTagger(NluConfig& config) {
+  LogLine(LogStream::kStdout, {"NluEngine: start tagger init"});
+  return std::make_unique<const Tagger>(config.vocabMap, std::move(config.regexVocabMap),
+                                        config.variableEntrys);
+}
+
+std::unique_ptr<const RegexParser> MakeParser(const NluConfig& config) {
+  LogLine(LogStream::kStdout, {"NluEngine: start parser init"});
+  return std::make_unique<const RegexParser>(config.intentMap);
+}
+
+// Runs one stage: a failure of its own or lack of memory fails the query with the stage's code
+// and log line.
+template <typename Stage>
+bool RunStage(Stage stage, int code, const char* failure, int* status) {
+  try {
+    stage();
+    return true;
+  } catch (const Error&) {
+  } catch (const std::bad_alloc&) {
+  }
+  LogLine(LogStream::kStderr, {failure});
+  *status = code;
+  return false;
+}
+
 }  // namespace
 
-NluEngine::NluEngine()
-    : tagger_(std::make_unique<Tagger>()),
-      parser_(std::make_unique<RegexParser>()),
-      ranker_(std::make_unique<Ranker>()) {}
+NluEngine::NluEngine(NluConfig config)
+    : tagger_(MakeTagger(config)), parser_(MakeParser(config)), version_(config.version) {}
 
 NluEngine::~NluEngine() = default;
 
-bool NluEngine::Init(NluConfig config) {
-  LogLine(LogStream::kStdout, {"NluEngine: start tagger init"});
-  tagger_->Init(std::move(config.vocabMap), std::move(config.regexVocabMap),
-                std::move(config.variableEntrys));
-  LogLine(LogStream::kStdout, {"NluEngine: start parser init"});
-  parser_->Init(config.intentMap);
-  version_ = config.version;
-  return true;
-}
-
-std::unique_ptr<NluEngine> NluEngine::Build(NluConfig config, std::string* why) {
-  auto engine = std::make_unique<NluEngine>();
-  try {
-    engine->Init(std::move(config));
-  } catch (const std::exception& e) {
-    *why = e.what();
-    return nullptr;
+PipelineOutcome NluEngine::Understand(const std::string& query) const {
+  PipelineOutcome outcome;
+  std::u16string wide;
+  std::vector<SlotMatch> tags;
+  std::vector<IntentCandidate> candidates;
+  IntentCandidate winner;
+  const bool done =
+      RunStage([&] { tags = tagger_->Tag(wide = Utf8ToUtf16(query.c_str())); }, kStatusTaggerFailed,
+               "tagger process exception!", &outcome.status) &&
+      RunStage([&] { candidates = parser_->Parse(wide, std::move(tags)); }, kStatusParserFailed,
+               "regex parser process exception!", &outcome.status) &&
+      RunStage([&] { winner = Ranker::Rank(wide, std::move(candidates)); }, kStatusRankerFailed,
+               "ranker process exception!", &outcome.status);
+  if (done) {
+    outcome.candidate = std::move(winner);
+    outcome.candidate.version = version_;
   }
-  return engine;
-}
-
-IntentCandidate NluEngine::Process(const char* query, int& status) const {
-  if (tagger_ == nullptr) {
-    status = kStatusNoTagger;
-    return {};
-  }
-  if (parser_ == nullptr) {
-    status = kStatusNoParser;
-    return {};
-  }
-  std::u16string wide_query;
-  std::vector<SlotMatch> tags = tagger_->Process(query, &wide_query, status);
-  if (status != kStatusOk) return {};
-  std::vector<IntentCandidate> candidates = parser_->Process(wide_query, std::move(tags), status);
-  if (status != kStatusOk) return {};
-  IntentCandidate winner = ranker_->Rank(wide_query, std::move(candidates), status);
-  if (status != kStatusOk) return {};
-  winner.version = version_;
-  return winner;
+  return outcome;
 }
 
 NluResult NluEngine::Process(const std::string& query) const {
-  int status = kStatusOk;
-  const IntentCandidate candidate = Process(query.c_str(), status);
+  const PipelineOutcome outcome = Understand(query);
   NluResult result;
   try {
-    result = ToNluResult(candidate);
-  } catch (const std::exception&) {
+    result = ToNluResult(outcome.candidate);
+  } catch (const ConversionError&) {
     // A slot can split a surrogate pair (a regex `.` matches one unit): such text has no UTF-8.
-    LogLine(LogStream::kStdout, {"result :", candidate.intent});
+    LogLine(LogStream::kStdout, {"result :", outcome.candidate.intent});
     LogLine(LogStream::kStderr, {"result conversion exception!"});
     return NluResult{};
   }

@@ -1,7 +1,7 @@
 // NluEngine: the three pipeline stages built from one configuration.
 //
-// An engine is built once (constructor, then Init) and is read-only afterwards: Process may run
-// on any number of threads at once. An engine is never destroyed while a host may use it.
+// An engine is built whole by its constructor and is read-only afterwards: any number of
+// threads may run queries on it at once.
 #ifndef RULENLU_ENGINE_NLU_ENGINE_H_
 #define RULENLU_ENGINE_NLU_ENGINE_H_
 
@@ -9,48 +9,49 @@
 #include <memory>
 #include <string>
 
+#include "base/records.h"
 #include "config/nlu_config.h"
-#include "engine/records.h"
 #include "rulenlu/engine_api.h"
 
 namespace rulenlu {
 
 class Tagger;
 class RegexParser;
-class Ranker;
+
+// The pipeline's answer to one query.
+struct PipelineOutcome {
+  int status = kStatusOk;     // kStatusOk, or the code of the stage that failed
+  IntentCandidate candidate;  // the winner, stamped with the engine's version; empty on failure
+};
 
 class NluEngine {
  public:
-  // Creates the three stages, empty, and version 0.
-  NluEngine();
+  // Builds the stages from `config` and takes its version, logging "NluEngine: start tagger
+  // init" and "NluEngine: start parser init" before the stages they name. Throws RegexError
+  // when a regex vocabulary pattern does not compile and ConversionError when a name or pattern
+  // cannot be converted between UTF-8 and UTF-16.
+  explicit NluEngine(NluConfig config);
   ~NluEngine();
   NluEngine(const NluEngine&) = delete;
   NluEngine& operator=(const NluEngine&) = delete;
 
-  // Builds the stages from `config` and takes its version; always returns true. Propagates the
-  // errors of stage construction (a regex vocabulary pattern that does not compile: RegexError;
-  // text that cannot be converted: std::range_error).
-  bool Init(NluConfig config);
-
-  // The pipeline: tags, parses and ranks `query` (UTF-8, read up to its first NUL). `status`
-  // must be 0 on entry; on failure it holds the failing stage's code and the result is empty.
-  IntentCandidate Process(const char* query, int& status) const;
+  // Tags, parses and ranks `query` (UTF-8, read up to its first NUL). A stage that fails
+  // (malformed UTF-8 or a failed regex vocabulary: the tagger; a failed rule: the parser; lack
+  // of memory: the stage it struck) logs its line on stderr ("tagger process exception!",
+  // "regex parser process exception!", "ranker process exception!") and sets the status to its
+  // code. Throws only what a defect would throw.
+  PipelineOutcome Understand(const std::string& query) const;
 
   // Answers `query` for the host: logs the outcome and converts it to UTF-8. Any failure gives
-  // the empty result. Never throws.
+  // the empty result. Throws only what a defect would throw.
   NluResult Process(const std::string& query) const;
-
-  // A new engine built from `config`, or null when its stages cannot be built, with the reason
-  // in `*why`.
-  static std::unique_ptr<NluEngine> Build(NluConfig config, std::string* why);
 
   int64_t version() const { return version_; }
 
  private:
-  std::unique_ptr<Tagger> tagger_;
-  std::unique_ptr<RegexParser> parser_;
-  std::unique_ptr<Ranker> ranker_;
-  int64_t version_ = 0;
+  std::unique_ptr<const Tagger> tagger_;
+  std::unique_ptr<const RegexParser> parser_;
+  int64_t version_;
 };
 
 }  // namespace rulenlu

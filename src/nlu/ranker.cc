@@ -2,8 +2,6 @@
 
 #include <utility>
 
-#include "engine/log.h"
-
 namespace rulenlu {
 namespace {
 
@@ -16,22 +14,15 @@ IntentCandidate Unknown(const std::u16string& query) {
 
 }  // namespace
 
-IntentCandidate Ranker::Rank(const std::u16string& query, std::vector<IntentCandidate> candidates,
-                             int& status) const {
-  try {
-    if (candidates.empty()) return Unknown(query);
-    // A strict comparison keeps the first of equally ranked candidates.
-    CandidateScore best = Score(candidates[0], 0);
-    for (size_t i = 1; i < candidates.size(); ++i) {
-      const CandidateScore score = Score(candidates[i], static_cast<int32_t>(i));
-      if (RanksBefore(score, best)) best = score;
-    }
-    return std::move(candidates.at(static_cast<size_t>(best.index)));
-  } catch (...) {
-    LogLine(LogStream::kStderr, {"ranker process exception!"});
-    status = kStatusRankerFailed;
-    return Unknown(query);
+IntentCandidate Ranker::Rank(const std::u16string& query, std::vector<IntentCandidate> candidates) {
+  if (candidates.empty()) return Unknown(query);
+  // A strict comparison keeps the first of equally ranked candidates.
+  CandidateScore best = Score(candidates[0], 0);
+  for (size_t i = 1; i < candidates.size(); ++i) {
+    const CandidateScore score = Score(candidates[i], static_cast<int32_t>(i));
+    if (RanksBefore(score, best)) best = score;
   }
+  return std::move(candidates[static_cast<size_t>(best.index)]);
 }
 
 CandidateScore Ranker::Score(const IntentCandidate& candidate, int32_t index) {

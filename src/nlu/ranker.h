@@ -1,6 +1,6 @@
 // The last stage of the query pipeline: chooses one candidate among those the parser found.
 //
-// A Ranker has no state; Rank may run on any number of threads at once.
+// Ranking keeps no state: it may run on any number of threads at once.
 #ifndef RULENLU_NLU_RANKER_H_
 #define RULENLU_NLU_RANKER_H_
 
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/records.h"
+#include "base/records.h"
 
 namespace rulenlu {
 
@@ -24,11 +24,8 @@ class Ranker {
   // Returns the candidate whose slots cover the most units; among those, the one with the
   // fewest slots; among those, the earliest in `candidates`. Neither the intent nor where the
   // slots stand counts, and overlapping slots count in full. With no candidate, returns
-  // "unknown" with `query` as text and no slots. On success `status` is not touched. On any
-  // failure logs "ranker process exception!" on stderr, sets `status` to -3 and returns the
-  // "unknown" result.
-  IntentCandidate Rank(const std::u16string& query, std::vector<IntentCandidate> candidates,
-                       int& status) const;
+  // "unknown" with `query` as text and no slots.
+  static IntentCandidate Rank(const std::u16string& query, std::vector<IntentCandidate> candidates);
 
   // The score of `candidate`, found at position `index`.
   static CandidateScore Score(const IntentCandidate& candidate, int32_t index);

@@ -173,8 +173,8 @@ Regex::Regex(std::u16string_view pattern, RegexGrammar grammar) {
   try {
     // Classic rules whatever locale the host makes global.
     impl_->regex.imbue(std::locale::classic());
-    impl_->regex.assign(units, ecma ? std::regex_constants::ECMAScript
-                                    : std::regex_constants::extended);
+    impl_->regex.assign(units,
+                        ecma ? std::regex_constants::ECMAScript : std::regex_constants::extended);
     if (!ecma) {
       impl_->breadth_first.imbue(std::locale::classic());
       impl_->breadth_first.assign(

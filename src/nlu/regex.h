@@ -19,9 +19,10 @@
 
 #include <cstddef>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <string_view>
+
+#include "base/error.h"
 
 namespace rulenlu {
 
@@ -33,9 +34,9 @@ inline constexpr size_t kMaxRegexSubjectLength = 2048;
 inline constexpr size_t kMaxRegexSearchWork = 2048;
 
 // Raised when a pattern does not compile or a match cannot be carried out.
-class RegexError : public std::runtime_error {
+class RegexError : public Error {
  public:
-  using std::runtime_error::runtime_error;
+  using Error::Error;
 };
 
 // A text prepared for matching. Prepare once, match many times.

@@ -1,11 +1,11 @@
 #include "nlu/tagger.h"
 
 #include <algorithm>
-#include <stdexcept>
 #include <string_view>
 
-#include "engine/log.h"
-#include "engine/text.h"
+#include "base/error.h"
+#include "base/log.h"
+#include "base/text.h"
 
 namespace rulenlu {
 namespace {
@@ -118,58 +118,13 @@ Tagger::WordTrie::WordTrie(const std::map<std::string, std::set<std::u16string>>
   first_end_.push_back(static_cast<uint32_t>(ends_.size()));
 }
 
-Tagger::Tagger()
-    : trie_(std::make_unique<WordTrie>(std::map<std::string, std::set<std::u16string>>())) {}
+namespace {
 
-Tagger::~Tagger() = default;
-
-void Tagger::Init(std::map<std::string, std::set<std::u16string>> vocab_map,
-                  std::map<std::string, std::vector<std::u16string>> regex_vocab_map,
-                  std::vector<std::pair<std::string, std::u16string>> variable_entries) {
-  regexVocabMap = std::move(regex_vocab_map);
-  regexVocabRegex.clear();
-
-  // The trie holds every word, and finds a word only where it fits: no per-vocabulary length
-  // bound is needed.
-  vocab_names_.clear();
-  for (const auto& [name, words] : vocab_map) vocab_names_.push_back(name);
-  trie_ = std::make_unique<WordTrie>(vocab_map);
-
-  LogLine(LogStream::kStdout, {"3333333333333333333333333"});
-  if (!SubstituteVariables(std::move(variable_entries))) return;
-
-  for (const auto& [name, patterns] : regexVocabMap) {
-    std::vector<Regex> compiled;
-    compiled.reserve(patterns.size());
-    for (const std::u16string& pattern : patterns) {
-      LogLine(LogStream::kStdout, {"pattern:", Utf16ToUtf8(pattern)});
-      compiled.emplace_back(pattern, RegexGrammar::kEcmaScript);
-    }
-    regexVocabRegex.emplace(name, std::move(compiled));
-  }
-}
-
-bool Tagger::SubstituteVariables(
-    std::vector<std::pair<std::string, std::u16string>> variable_entries) {
-  std::map<std::string, std::u16string> variables;
-  for (auto& [name, value] : variable_entries) {
-    std::u16string expanded = ReplaceVariables(std::move(value), variables);
-    if (expanded.empty()) return false;
-    variables.emplace(name, std::move(expanded));  // an earlier entry of the same name wins
-  }
-  for (auto& [name, patterns] : regexVocabMap) {
-    for (std::u16string& pattern : patterns) {
-      std::u16string expanded = ReplaceVariables(pattern, variables);
-      LogLine(LogStream::kStdout, {"new regex:", Utf16ToUtf8(expanded)});
-      if (expanded.empty()) return false;
-      pattern = std::move(expanded);
-    }
-  }
-  return true;
-}
-
-std::u16string Tagger::ReplaceVariables(std::u16string text,
-                                        const std::map<std::string, std::u16string>& variables) {
+// Returns `text` with every complete reference ${name} (on one line) replaced by the value of
+// `name` in `variables`, or an empty text when a reference names no variable. A `$` or `{`
+// that does not begin a complete reference is kept as written.
+std::u16string ReplaceVariables(std::u16string text,
+                                const std::map<std::string, std::u16string>& variables) {
   size_t start = 0;
   size_t length = 0;
   while (FindReference(text, &start, &length)) {
@@ -182,26 +137,61 @@ std::u16string Tagger::ReplaceVariables(std::u16string text,
   return text;
 }
 
-std::vector<SlotMatch> Tagger::Process(const char* query, std::u16string* wide_query,
-                                       int& status) const {
-  std::vector<SlotMatch> tags;
-  try {
-    if (query == nullptr) throw std::invalid_argument("no query");
-    wide_query->clear();
-    AppendUtf8ToUtf16(query, wide_query);
-    if (wide_query->size() > kMaxQueryLength) throw std::length_error("query too long");
-    TagVocab(*wide_query, &tags);
-    TagRegexVocab(*wide_query, &tags);
-  } catch (...) {
-    LogLine(LogStream::kStderr, {"tagger process exception!"});
-    status = kStatusTaggerFailed;
-    wide_query->clear();
-    return {};
+// Expands the variables in list order, then every regex vocabulary pattern in place, logging
+// "new regex:" with each expansion. Returns false as soon as an expansion comes out empty.
+bool SubstituteVariables(const std::vector<std::pair<std::string, std::u16string>>& entries,
+                         std::map<std::string, std::vector<std::u16string>>* regex_vocab_map) {
+  std::map<std::string, std::u16string> variables;
+  for (const auto& [name, value] : entries) {
+    std::u16string expanded = ReplaceVariables(value, variables);
+    if (expanded.empty()) return false;
+    variables.emplace(name, std::move(expanded));  // an earlier entry of the same name wins
   }
-  return tags;
+  for (auto& [name, patterns] : *regex_vocab_map) {
+    for (std::u16string& pattern : patterns) {
+      std::u16string expanded = ReplaceVariables(pattern, variables);
+      LogLine(LogStream::kStdout, {"new regex:", Utf16ToUtf8(expanded)});
+      if (expanded.empty()) return false;
+      pattern = std::move(expanded);
+    }
+  }
+  return true;
 }
 
-void Tagger::TagVocab(const std::u16string& query, std::vector<SlotMatch>* tags) const {
+}  // namespace
+
+Tagger::Tagger(const std::map<std::string, std::set<std::u16string>>& vocab_map,
+               std::map<std::string, std::vector<std::u16string>> regex_vocab_map,
+               const std::vector<std::pair<std::string, std::u16string>>& variable_entries)
+    : trie_(std::make_unique<WordTrie>(vocab_map)) {
+  // The trie holds every word, and finds a word only where it fits: no per-vocabulary length
+  // bound is needed.
+  vocab_names_.reserve(vocab_map.size());
+  for (const auto& [name, words] : vocab_map) vocab_names_.push_back(name);
+
+  LogLine(LogStream::kStdout, {"3333333333333333333333333"});
+  if (!SubstituteVariables(variable_entries, &regex_vocab_map)) return;
+
+  regex_vocabs_.reserve(regex_vocab_map.size());
+  for (const auto& [name, patterns] : regex_vocab_map) {
+    RegexVocab& vocab = regex_vocabs_.emplace_back();
+    vocab.name = name;
+    vocab.patterns.reserve(patterns.size());
+    for (const std::u16string& pattern : patterns) {
+      LogLine(LogStream::kStdout, {"pattern:", Utf16ToUtf8(pattern)});
+      vocab.patterns.emplace_back(pattern, RegexGrammar::kEcmaScript);
+    }
+  }
+}
+
+Tagger::~Tagger() = default;
+
+std::vector<SlotMatch> Tagger::Tag(const std::u16string& query) const {
+  if (query.size() > kMaxQueryLength) {
+    throw Error("query longer than " + std::to_string(kMaxQueryLength) + " units");
+  }
+  std::vector<SlotMatch> tags;
+  // Dictionary words: found by start and length, reported by vocabulary, then start, length.
   const std::u16string_view text(query);
   std::vector<WordHit> hits;
   for (size_t start = 0; start < text.size(); ++start) {
@@ -209,38 +199,34 @@ void Tagger::TagVocab(const std::u16string& query, std::vector<SlotMatch>* tags)
       hits.push_back({vocab, static_cast<int32_t>(start), static_cast<int32_t>(length)});
     });
   }
-  // Found by start and length; reported by vocabulary, then start, then length.
   std::stable_sort(hits.begin(), hits.end(),
                    [](const WordHit& a, const WordHit& b) { return a.vocab < b.vocab; });
-  tags->reserve(tags->size() + hits.size());
+  tags.reserve(hits.size());
   for (const WordHit& hit : hits) {
-    tags->push_back(SlotMatch{vocab_names_[hit.vocab], query.substr(hit.start, hit.length),
-                              hit.start, hit.length});
+    tags.push_back(SlotMatch{vocab_names_[hit.vocab], query.substr(hit.start, hit.length),
+                             hit.start, hit.length});
   }
-}
+  if (regex_vocabs_.empty()) return tags;
 
-void Tagger::TagRegexVocab(const std::u16string& query, std::vector<SlotMatch>* tags) const {
-  if (regexVocabRegex.empty()) return;
+  // Regex vocabularies: each pattern searched again from the end of its previous match, the
+  // whole query staying the subject.
   const RegexSubject subject(query);
-  for (const auto& [name, regexes] : regexVocabRegex) {
-    for (const Regex& regex : regexes) TagRegexMatches(name, query, subject, regex, tags);
+  for (const RegexVocab& vocab : regex_vocabs_) {
+    for (const Regex& regex : vocab.patterns) {
+      RegexMatch match;
+      size_t from = 0;
+      // Searching again at the end of the query still finds a pattern that matches there.
+      while (regex.Search(subject, from, &match)) {
+        // The next search would begin where this one did and find the same empty match forever.
+        if (match.length == 0) throw RegexError("a regex vocabulary pattern matched empty text");
+        tags.push_back(SlotMatch{vocab.name, query.substr(match.start, match.length),
+                                 static_cast<int32_t>(match.start),
+                                 static_cast<int32_t>(match.length)});
+        from = match.start + match.length;
+      }
+    }
   }
-}
-
-void Tagger::TagRegexMatches(const std::string& name, const std::u16string& query,
-                             const RegexSubject& subject, const Regex& regex,
-                             std::vector<SlotMatch>* tags) {
-  RegexMatch match;
-  size_t from = 0;
-  // Searching again at the end of the query still finds a pattern that matches there.
-  while (regex.Search(subject, from, &match)) {
-    // The next search would begin where this one did and find the same empty match forever.
-    if (match.length == 0) throw RegexError("a regex vocabulary pattern matched empty text");
-    tags->push_back(SlotMatch{name, query.substr(match.start, match.length),
-                              static_cast<int32_t>(match.start),
-                              static_cast<int32_t>(match.length)});
-    from = match.start + match.length;
-  }
+  return tags;
 }
 
 }  // namespace rulenlu

@@ -3,15 +3,17 @@
 #include <rapidjson/document.h>
 
 #include <condition_variable>
+#include <exception>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
 
-#include "config/json.h"
-#include "engine/log.h"
+#include "base/json.h"
+#include "base/log.h"
 #include "rulenlu/host_services.h"
 #include "services/remote_config_cache.h"
 #include "services/service_manager.h"
@@ -22,6 +24,19 @@ namespace {
 // Where the client's gray-release service publishes the configuration's version and URL.
 constexpr char kGrayNamespace[] = "wren";
 constexpr char kGrayKey[] = "loom_nlu_config";
+
+// Runs `work` on a thread of the client's or of its own, where nothing may be thrown: whatever
+// the client's services or the library throw there ends here, logged.
+template <typename Work>
+void Guarded(const char* what, Work&& work) {
+  try {
+    work();
+  } catch (const std::exception& e) {
+    LogPrintf("config update failed %s: %s", what, e.what());
+  } catch (...) {
+    LogPrintf("config update failed %s", what);
+  }
+}
 
 // The download of a configuration document: a GET of `url` whose body is wanted in memory.
 class ConfigRequest final : public cp::RequestInterface {
@@ -49,19 +64,17 @@ class ConfigResponseCallback final : public cp::ResponseCallback {
   // Both run on the client's thread: nothing may be thrown back at it. A download lost this way
   // is requested again by the next start-up's update pass.
   void OnSuccess(const std::shared_ptr<cp::ResponseInterface>& response) override {
-    try {
+    Guarded("storing the configuration", [&] {
       LogPrintf("http request success.");
       if (response != nullptr) WriteRemoteConfigCache(response->GetBody());
-    } catch (...) {
-    }
+    });
   }
 
   void OnFailure(const std::shared_ptr<cp::ResponseInterface>& response) override {
-    try {
+    Guarded("reporting the download error", [&] {
       const std::string error = response != nullptr ? response->GetError() : std::string();
       LogPrintf("http request error. %s", error.c_str());
-    } catch (...) {
-    }
+    });
   }
 
   void OnProgress(int64_t /*received*/, int64_t /*total*/) override {}
@@ -74,16 +87,17 @@ struct PublishedConfig {
 };
 
 // Reads the gray-release record: a JSON object whose first "version" member is a signed 64-bit
-// integer and whose first "url" member is a string. Returns false for anything else.
-bool ParsePublishedConfig(const std::string& record, PublishedConfig* published) {
+// integer and whose first "url" member is a string. Returns nothing for anything else.
+std::optional<PublishedConfig> ParsePublishedConfig(const std::string& record) {
   rapidjson::Document doc;
-  if (!ParseJsonDocument(record, &doc) || !doc.IsObject()) return false;
+  if (!ParseJsonDocument(record, &doc) || !doc.IsObject()) return std::nullopt;
   const rapidjson::Value* version = FindMember(doc, "version");
   const rapidjson::Value* url = FindMember(doc, "url");
-  if (version == nullptr || !version->IsInt64() || url == nullptr || !url->IsString()) return false;
-  published->version = version->GetInt64();
-  published->url = url->GetString();  // up to the first NUL, like any C string
-  return true;
+  if (version == nullptr || !version->IsInt64() || url == nullptr || !url->IsString()) {
+    return std::nullopt;
+  }
+  // The URL ends at its first NUL, like any C string.
+  return PublishedConfig{version->GetInt64(), url->GetString()};
 }
 
 // Hands the download of `url` to the client; the request and the callback then live on only
@@ -132,13 +146,9 @@ class UpdateTracker {
   int running_ = 0;
 };
 
-// The body of an update thread. A failure of the pass must not terminate the client's process,
-// so every exception ends here, silently: the pass has no one to report to.
+// The body of an update thread. A failure of the pass must not terminate the client's process.
 void RunUpdateThread(int64_t running_version) {
-  try {
-    UpdateRemoteConfig(running_version);
-  } catch (...) {
-  }
+  Guarded("checking for a new configuration", [&] { UpdateRemoteConfig(running_version); });
   UpdateTracker::Instance().Ended();
 }
 
@@ -160,19 +170,19 @@ void UpdateRemoteConfig(int64_t running_version) {
     LogPrintf("value is empty.");
     return;
   }
-  PublishedConfig published;
-  if (!ParsePublishedConfig(record, &published)) {
+  const std::optional<PublishedConfig> published = ParsePublishedConfig(record);
+  if (!published.has_value()) {
     LogPrintf("json is error. data=%s", record.c_str());
     return;
   }
   // Only equality counts: an older published version replaces the cache as well.
-  if (published.version == running_version) {
+  if (published->version == running_version) {
     LogPrintf("version is same. %lld", static_cast<long long>(running_version));
     return;
   }
-  LogPrintf("update new config. url=%s, version=%lld", published.url.c_str(),
-            static_cast<long long>(published.version));
-  RequestDownload(published.url);
+  LogPrintf("update new config. url=%s, version=%lld", published->url.c_str(),
+            static_cast<long long>(published->version));
+  RequestDownload(published->url);
 }
 
 void StartRemoteConfigUpdate(int64_t running_version) {

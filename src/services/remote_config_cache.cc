@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "engine/log.h"
+#include "base/log.h"
 #include "rulenlu/host_services.h"
 #include "services/service_manager.h"
 
@@ -33,11 +33,10 @@ KvStorageAccess OpenKvStorage() {
 
 }  // namespace
 
-bool ReadRemoteConfigCache(std::string& value) {
+std::string ReadRemoteConfigCache() {
   const KvStorageAccess access = OpenKvStorage();
-  if (access.kv_storage == nullptr) return false;
-  value = access.kv_storage->Read(kRemoteConfigKey);
-  return !value.empty();
+  if (access.kv_storage == nullptr) return std::string();
+  return access.kv_storage->Read(kRemoteConfigKey);
 }
 
 bool WriteRemoteConfigCache(const std::string& value) {

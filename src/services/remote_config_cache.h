@@ -13,9 +13,9 @@
 
 namespace rulenlu {
 
-// Reads the cached document into `value` (expected empty). Returns true exactly when the text
-// read is not empty; when the storage cannot be reached, returns false and leaves `value` as is.
-bool ReadRemoteConfigCache(std::string& value);
+// The cached document; empty when there is none or the storage cannot be reached (logged).
+// Whatever the client's storage throws passes to the caller.
+std::string ReadRemoteConfigCache();
 
 // Stores `value` as the cached document, replacing any earlier one. Returns what the store
 // reports, or false when the storage cannot be reached.

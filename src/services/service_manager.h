@@ -17,31 +17,10 @@
 #include <typeinfo>
 #include <utility>
 
-#include "engine/log.h"
+#include "base/log.h"
 #include "rulenlu/host_services.h"
 
 namespace rulenlu {
-
-// The name under which the client knows the service of interface T; the same text names the
-// interface inside the service. Only the interfaces below can be looked up: the client spells
-// these names as its own compiler's type information does, whatever compiler builds this library.
-template <class T>
-struct HostServiceName;
-
-template <>
-struct HostServiceName<cp::StorageServiceInterface> {
-  static constexpr const char* kValue = "class cp::StorageServiceInterface";
-};
-
-template <>
-struct HostServiceName<cp::GrayServiceInterface> {
-  static constexpr const char* kValue = "class cp::GrayServiceInterface";
-};
-
-template <>
-struct HostServiceName<cp::HttpServiceInterface> {
-  static constexpr const char* kValue = "class cp::HttpServiceInterface";
-};
 
 // The process-wide holder of the client's service manager. Created on first use and never
 // destroyed, so that it stays valid while a client unloads the library or exits.
@@ -104,7 +83,7 @@ class InterfaceHandleKeeper {
 // alive while shared; empty when the service does not offer T. `service` must not be null.
 template <class T>
 std::shared_ptr<T> GetInterfaceTemplate(cp::ServiceInterface* service) {
-  const char* type_name = HostServiceName<T>::kValue;
+  const char* type_name = T::kServiceName;
   LogPrintf("GetInterfaceTemplate. tid=%lld, tname=%s", internal::LogNumber(typeid(T).hash_code()),
             type_name);
   std::shared_ptr<cp::InterfaceHandle> handle = service->GetInterface(type_name);
@@ -119,7 +98,7 @@ template <class T>
 std::shared_ptr<T> GetServiceFromServiceManager(
     const std::shared_ptr<cp::ServiceManagerInterface>& manager, const std::string& name) {
   LogPrintf("GetServiceFromServiceManager service_manager=%lld, name=%s, <T>name=%s",
-            internal::LogNumber(manager.get()), name.c_str(), HostServiceName<T>::kValue);
+            internal::LogNumber(manager.get()), name.c_str(), T::kServiceName);
   std::shared_ptr<cp::ServiceInterface> service;
   if (manager != nullptr) service = manager->GetService(name);
   if (service == nullptr) {
@@ -135,7 +114,7 @@ std::shared_ptr<T> GetServiceFromServiceManager(
 template <class T>
 std::shared_ptr<T> GetHostService() {
   return GetServiceFromServiceManager<T>(ServiceManagerHolder::Instance().Manager(),
-                                         HostServiceName<T>::kValue);
+                                         T::kServiceName);
 }
 
 }  // namespace rulenlu

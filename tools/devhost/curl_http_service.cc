@@ -16,8 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/log.h"
 #include "devhost/whole_file.h"
-#include "engine/log.h"
 
 namespace rulenlu::devhost {
 namespace {

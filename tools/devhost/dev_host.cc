@@ -21,12 +21,12 @@ std::string PathIn(const std::string& directory, const std::string& name) {
 DevHost::DevHost(std::string state_dir)
     : http_(std::make_shared<CurlHttpService>()), registry_(std::make_unique<ServiceRegistry>()) {
   registry_->Add<cp::StorageServiceInterface>(
-      "class cp::StorageServiceInterface",
+      cp::StorageServiceInterface::kServiceName,
       std::make_shared<FileStorageService>(PathIn(state_dir, "kv")));
   registry_->Add<cp::GrayServiceInterface>(
-      "class cp::GrayServiceInterface",
+      cp::GrayServiceInterface::kServiceName,
       std::make_shared<GrayFileService>(PathIn(state_dir, "gray.json")));
-  registry_->Add<cp::HttpServiceInterface>("class cp::HttpServiceInterface", http_);
+  registry_->Add<cp::HttpServiceInterface>(cp::HttpServiceInterface::kServiceName, http_);
 }
 
 DevHost::~DevHost() {

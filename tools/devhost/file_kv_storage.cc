@@ -4,6 +4,8 @@
 #include <system_error>
 #include <utility>
 
+#include "base/error.h"
+#include "base/file.h"
 #include "devhost/whole_file.h"
 
 namespace rulenlu::devhost {
@@ -40,9 +42,12 @@ std::string FileKvStorage::FileNameOf(const std::string& key) {
 }
 
 std::string FileKvStorage::Read(const std::string& key) {
-  std::string value;
-  if (!key.empty()) ReadWholeFile(directory_ + '/' + FileNameOf(key), &value);
-  return value;
+  if (key.empty()) return std::string();
+  try {
+    return ReadWholeFile(directory_ + '/' + FileNameOf(key));
+  } catch (const Error&) {
+    return std::string();  // an entry never written reads as empty
+  }
 }
 
 bool FileKvStorage::Write(const std::string& key, const std::string& value) {

@@ -41,27 +41,6 @@ bool SyncDirectory(const std::string& directory) {
 
 }  // namespace
 
-bool ReadWholeFile(const std::string& path, std::string* bytes) {
-  bytes->clear();
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  char buffer[64 * 1024];
-  bool ok = true;
-  for (;;) {
-    const ssize_t got = read(fd, buffer, sizeof buffer);
-    if (got < 0) {
-      if (errno == EINTR) continue;
-      ok = false;
-      break;
-    }
-    if (got == 0) break;
-    bytes->append(buffer, static_cast<size_t>(got));
-  }
-  close(fd);
-  if (!ok) bytes->clear();
-  return ok;
-}
-
 bool ReplaceFileAtomically(const std::string& path, std::string_view bytes) {
   std::string temp = path + kTempFileMark + "XXXXXX";
   const int fd = mkostemp(temp.data(), O_CLOEXEC);

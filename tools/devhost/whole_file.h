@@ -1,4 +1,4 @@
-// Whole-file reads and crash-safe whole-file replacement, for the development host's state.
+// Crash-safe whole-file replacement, for the development host's state.
 //
 // Thread-safe: the functions keep no state; concurrent replacements of one file each land
 // whole, the last rename winning.
@@ -14,10 +14,6 @@ namespace rulenlu::devhost {
 // followed by this character and a unique suffix. Names that must never be taken for a
 // temporary simply avoid the character.
 inline constexpr char kTempFileMark = '~';
-
-// Reads the file at `path` into `*bytes`. Returns false when it cannot be opened or read;
-// `*bytes` is then empty.
-bool ReadWholeFile(const std::string& path, std::string* bytes);
 
 // Makes the file at `path` hold exactly `bytes`. A reader, also after a crash at any moment,
 // sees either the previous content or the new one, never a mix. Returns false on any I/O

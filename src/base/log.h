@@ -8,8 +8,8 @@
 // install its own sink, for example to move everything to stderr or to drop it.
 //
 // Thread-safe: lines may be written from any thread; each line reaches the sink in one call.
-#ifndef RULENLU_ENGINE_LOG_H_
-#define RULENLU_ENGINE_LOG_H_
+#ifndef RULENLU_BASE_LOG_H_
+#define RULENLU_BASE_LOG_H_
 
 #include <initializer_list>
 #include <string_view>
@@ -37,4 +37,4 @@ void LogLine(LogStream stream, std::initializer_list<std::string_view> parts);
 
 }  // namespace rulenlu
 
-#endif  // RULENLU_ENGINE_LOG_H_
+#endif  // RULENLU_BASE_LOG_H_

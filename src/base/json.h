@@ -1,7 +1,7 @@
 // Parsing of the JSON documents the library reads: the configuration document and the
 // gray-release record.
-#ifndef RULENLU_CONFIG_JSON_H_
-#define RULENLU_CONFIG_JSON_H_
+#ifndef RULENLU_BASE_JSON_H_
+#define RULENLU_BASE_JSON_H_
 
 #include <rapidjson/document.h>
 #include <rapidjson/reader.h>
@@ -63,4 +63,4 @@ inline const rapidjson::Value* FindMember(const rapidjson::Value& object, const 
 
 }  // namespace rulenlu
 
-#endif  // RULENLU_CONFIG_JSON_H_
+#endif  // RULENLU_BASE_JSON_H_

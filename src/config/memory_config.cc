@@ -1,7 +1,7 @@
-#include "engine/memory_config.h"
+#include "config/memory_config.h"
 
-#include "engine/log.h"
-#include "engine/text.h"
+#include "base/log.h"
+#include "base/text.h"
 
 namespace rulenlu {
 namespace {

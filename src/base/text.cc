@@ -1,11 +1,11 @@
-#include "engine/text.h"
+#include "base/text.h"
 
-#include <stdexcept>
+#include "base/error.h"
 
 namespace rulenlu {
 namespace {
 
-[[noreturn]] void BadConversion() { throw std::range_error("bad conversion"); }
+[[noreturn]] void BadConversion() { throw ConversionError(); }
 
 bool IsContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
 
@@ -56,8 +56,8 @@ void AppendUtf16ToUtf8(std::u16string_view utf16, std::string* out) {
   for (size_t i = 0; i < utf16.size(); ++i) {
     char32_t cp = utf16[i];
     if (cp >= 0xD800 && cp <= 0xDFFF) {
-      const bool paired = cp <= 0xDBFF && i + 1 < utf16.size() && utf16[i + 1] >= 0xDC00 &&
-                          utf16[i + 1] <= 0xDFFF;
+      const bool paired =
+          cp <= 0xDBFF && i + 1 < utf16.size() && utf16[i + 1] >= 0xDC00 && utf16[i + 1] <= 0xDFFF;
       if (!paired) BadConversion();
       cp = 0x10000 + ((cp - 0xD800) << 10) + (utf16[++i] - 0xDC00);
     }

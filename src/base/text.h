@@ -3,20 +3,20 @@
 // Every offset and length the engine reports counts UTF-16 code units: a character beyond
 // U+FFFF counts 2. Both directions are strict and keep no state, so any number of threads may
 // convert at once.
-#ifndef RULENLU_ENGINE_TEXT_H_
-#define RULENLU_ENGINE_TEXT_H_
+#ifndef RULENLU_BASE_TEXT_H_
+#define RULENLU_BASE_TEXT_H_
 
 #include <string>
 #include <string_view>
 
 namespace rulenlu {
 
-// Decodes UTF-8 into UTF-16. Throws std::range_error("bad conversion") on anything that is not
+// Decodes UTF-8 into UTF-16. Throws ConversionError on anything that is not
 // well-formed UTF-8: stray or missing continuation bytes, overlong forms, encoded surrogates and
 // code points above U+10FFFF. A byte-order mark is kept as the character U+FEFF.
 std::u16string Utf8ToUtf16(std::string_view utf8);
 
-// Encodes UTF-16 into UTF-8. Throws std::range_error("bad conversion") on a lone surrogate.
+// Encodes UTF-16 into UTF-8. Throws ConversionError on a lone surrogate.
 std::string Utf16ToUtf8(std::u16string_view utf16);
 
 // Same as above, appending to `out`; on failure `out` holds a partial result.
@@ -25,4 +25,4 @@ void AppendUtf16ToUtf8(std::u16string_view utf16, std::string* out);
 
 }  // namespace rulenlu
 
-#endif  // RULENLU_ENGINE_TEXT_H_
+#endif  // RULENLU_BASE_TEXT_H_

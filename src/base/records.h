@@ -1,6 +1,6 @@
 // Records passed between the pipeline stages, and the pipeline status codes.
-#ifndef RULENLU_ENGINE_RECORDS_H_
-#define RULENLU_ENGINE_RECORDS_H_
+#ifndef RULENLU_BASE_RECORDS_H_
+#define RULENLU_BASE_RECORDS_H_
 
 #include <cstdint>
 #include <string>
@@ -27,7 +27,7 @@ struct IntentCandidate {
 // Pipeline status: 0 on success, set by a stage only when it fails.
 enum PipelineStatus : int {
   kStatusOk = 0,
-  kStatusNoTagger = 1,
+  kStatusNoTagger = 1,  // a stage missing: never the case for an engine built whole
   kStatusNoParser = 2,
   kStatusTaggerFailed = -1,
   kStatusParserFailed = -2,
@@ -36,4 +36,4 @@ enum PipelineStatus : int {
 
 }  // namespace rulenlu
 
-#endif  // RULENLU_ENGINE_RECORDS_H_
+#endif  // RULENLU_BASE_RECORDS_H_
