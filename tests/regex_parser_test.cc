@@ -17,6 +17,7 @@
 #include "base/error.h"
 #include "base/text.h"
 #include "log_capture.h"
+#include "nlu/ranker.h"
 #include "tag_dump.h"
 
 namespace rulenlu {
@@ -39,7 +40,7 @@ std::string Parse(const RegexParser& parser, const std::u16string& query,
                   std::vector<SlotMatch> tags) {
   std::vector<IntentCandidate> candidates;
   try {
-    candidates = parser.Parse(query, std::move(tags));
+    candidates = parser.ParseAll(query, std::move(tags));
   } catch (const Error&) {
     return "failed";
   }
@@ -152,7 +153,7 @@ TEST(RegexParser, CombinesTagsUpToTheLimit) {
   const std::pair<size_t, size_t> sizes[] = {{128, 131}, {36, 36}, {35, 36}, {0, 8}, {1000, 255}};
   for (const auto& [limit, size] : sizes) {
     const RegexParser parser({{"i", Intent({"t"}, {u".*"})}}, limit);
-    EXPECT_EQ(parser.Parse(u"01234567", row).size(), size) << limit;
+    EXPECT_EQ(parser.ParseAll(u"01234567", row).size(), size) << limit;
   }
 
   // Random tags, among them equal ones in several places and empty ones, against the reference.
@@ -169,6 +170,64 @@ TEST(RegexParser, CombinesTagsUpToTheLimit) {
     }
     ASSERT_EQ(Parse(parser, std::u16string(40, u' '), tags), RefCandidates(tags, limit)) << trial;
   }
+}
+
+// The best candidate in rank order must be the one the ranker picks among all candidates, and a
+// failure must come exactly when the exhaustive search fails: random intents with overlapping
+// slots, rules that match some rewritten queries, rules that do not compile and keys that are
+// not UTF-8, over random tags.
+TEST(RegexParser, BestCandidateIsTheRankersChoiceAmongAll) {
+  std::mt19937 random(20261123);
+  auto pick = [&](size_t n) { return static_cast<size_t>(random() % n); };
+  const std::string keys[] = {"a", "b", "c", "\xFF"};
+  const std::u16string values[] = {u"x", u"xy", u"yy", u"z"};
+  const std::u16string rules[] = {
+      u".*",    u"<a>.*", u".*<b>",      u"<a><b>.*",     u"(<c> ?)+.*", u".*y.*",      u"<b>",
+      u"[^<]*", u"(",     u"<c>.*<a>.*", u"(<a>|<b>) .*", u"x.*",        u".*<b> <c>.*"};
+  int failures = 0, answers = 0;
+  for (int trial = 0; trial < 3000; ++trial) {
+    std::map<std::string, IntentConfig> intents;
+    for (size_t i = pick(5) + 1; i > 0; --i) {
+      std::vector<std::string> accepted;
+      for (const std::string& key : keys) {
+        if (pick(3) > 0 && (key != "\xFF" || pick(8) == 0)) accepted.push_back(key);
+      }
+      std::vector<std::u16string> intent_rules;
+      for (size_t r = pick(4); r > 0; --r) {
+        const std::u16string& rule = rules[pick(std::size(rules))];
+        if (rule != u"(" || pick(6) == 0) intent_rules.push_back(rule);
+      }
+      intents["i" + std::to_string(i)] = Intent(accepted, intent_rules);
+    }
+    const RegexParser parser(intents, trial % 3 == 0 ? 5 : 128);
+    std::u16string query;
+    for (int i = 0; i < 12; ++i) query += u"xyz <"[pick(5)];
+    std::vector<SlotMatch> tags;
+    for (size_t i = pick(10); i > 0; --i) {
+      const std::u16string& value = values[pick(4)];
+      tags.push_back(Tag(keys[pick(4)], value, static_cast<int32_t>(pick(query.size()))));
+    }
+    std::string expected;
+    try {
+      const IntentCandidate winner = Ranker::Rank(query, parser.ParseAll(query, tags));
+      expected = winner.intent + "[" + DumpTags(winner.slots) + "]";
+    } catch (const Error&) {
+      expected = "failed";
+    }
+    std::string got;
+    try {
+      const std::optional<IntentCandidate> best = parser.Parse(query, tags);
+      got = best.has_value() ? best->intent + "[" + DumpTags(best->slots) + "]" : "unknown[]";
+    } catch (const Error&) {
+      got = "failed";
+    }
+    ASSERT_EQ(got, expected) << "trial " << trial;
+    failures += expected == "failed";
+    answers += expected != "failed" && expected != "unknown[]";
+  }
+  // The cases must reach all three outcomes often enough to mean something.
+  EXPECT_GT(failures, 150);
+  EXPECT_GT(answers, 800);
 }
 
 }  // namespace

@@ -68,15 +68,20 @@ PipelineOutcome NluEngine::Understand(const std::string& query) const {
   PipelineOutcome outcome;
   std::u16string wide;
   std::vector<SlotMatch> tags;
-  std::vector<IntentCandidate> candidates;
+  std::optional<IntentCandidate> best;
   IntentCandidate winner;
   const bool done =
       RunStage([&] { tags = tagger_->Tag(wide = Utf8ToUtf16(query.c_str())); }, kStatusTaggerFailed,
                "tagger process exception!", &outcome.status) &&
-      RunStage([&] { candidates = parser_->Parse(wide, std::move(tags)); }, kStatusParserFailed,
+      RunStage([&] { best = parser_->Parse(wide, std::move(tags)); }, kStatusParserFailed,
                "regex parser process exception!", &outcome.status) &&
-      RunStage([&] { winner = Ranker::Rank(wide, std::move(candidates)); }, kStatusRankerFailed,
-               "ranker process exception!", &outcome.status);
+      RunStage(
+          [&] {
+            std::vector<IntentCandidate> candidates;
+            if (best.has_value()) candidates.push_back(std::move(*best));
+            winner = Ranker::Rank(wide, std::move(candidates));
+          },
+          kStatusRankerFailed, "ranker process exception!", &outcome.status);
   if (done) {
     outcome.candidate = std::move(winner);
     outcome.candidate.version = version_;

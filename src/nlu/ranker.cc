@@ -28,7 +28,11 @@ IntentCandidate Ranker::Rank(const std::u16string& query, std::vector<IntentCand
 CandidateScore Ranker::Score(const IntentCandidate& candidate, int32_t index) {
   uint32_t total = 0;  // unsigned, so that the sum wraps around instead of overflowing
   for (const SlotMatch& slot : candidate.slots) total += static_cast<uint32_t>(slot.length);
-  return {static_cast<int32_t>(candidate.slots.size()), static_cast<int32_t>(total), index};
+  return Score(candidate.slots.size(), total, index);
+}
+
+CandidateScore Ranker::Score(size_t slot_count, uint32_t total_length, int32_t index) {
+  return {static_cast<int32_t>(slot_count), static_cast<int32_t>(total_length), index};
 }
 
 bool Ranker::RanksBefore(const CandidateScore& a, const CandidateScore& b) {

@@ -30,6 +30,10 @@ class Ranker {
   // The score of `candidate`, found at position `index`.
   static CandidateScore Score(const IntentCandidate& candidate, int32_t index);
 
+  // The score of a candidate of `slot_count` slots whose lengths add up to `total_length`
+  // (summed in 32 bits, wrapping around), found at position `index`.
+  static CandidateScore Score(size_t slot_count, uint32_t total_length, int32_t index);
+
   // True when `a` ranks strictly before `b`: greater totalLength, or equal totalLength and
   // fewer slots. The index takes no part.
   static bool RanksBefore(const CandidateScore& a, const CandidateScore& b);

@@ -6,6 +6,7 @@
 
 #include "base/error.h"
 #include "base/text.h"
+#include "nlu/ranker.h"
 
 namespace rulenlu {
 namespace {
@@ -14,6 +15,8 @@ namespace {
 // one ends.
 using Combination = std::vector<uint32_t>;
 
+constexpr uint32_t kNoKey = UINT32_MAX;
+
 // Negative, zero or positive as `a` comes before, with or after `b` in combination order.
 int CompareTags(const SlotMatch& a, const SlotMatch& b) {
   const int by_key = a.key.compare(b.key);  // char_traits<char> compares bytes as unsigned
@@ -21,24 +24,23 @@ int CompareTags(const SlotMatch& a, const SlotMatch& b) {
   return a.value.compare(b.value);
 }
 
-// Orders combinations lexicographically, tag by tag, a prefix first. Where a tag stands takes
-// no part, so combinations differing only in the places of equal tags are equal.
+// Orders combinations lexicographically by the classes of their tags (equal tags share a class,
+// and classes ascend with the tag order), a prefix first. Where a tag stands takes no part, so
+// combinations differing only in the places of equal tags are equal.
 class CombinationLess {
  public:
-  explicit CombinationLess(const std::vector<SlotMatch>* tags) : tags_(tags) {}
+  explicit CombinationLess(const std::vector<uint32_t>* classes) : classes_(classes) {}
   bool operator()(const Combination& a, const Combination& b) const {
-    const std::vector<SlotMatch>& tags = *tags_;
+    const std::vector<uint32_t>& classes = *classes_;
     const size_t common = std::min(a.size(), b.size());
     for (size_t i = 0; i < common; ++i) {
-      if (a[i] == b[i]) continue;
-      const int order = CompareTags(tags[a[i]], tags[b[i]]);
-      if (order != 0) return order < 0;
+      if (classes[a[i]] != classes[b[i]]) return classes[a[i]] < classes[b[i]];
     }
     return a.size() < b.size();
   }
 
  private:
-  const std::vector<SlotMatch>* tags_;
+  const std::vector<uint32_t>* classes_;
 };
 using CombinationSet = std::set<Combination, CombinationLess>;
 
@@ -64,9 +66,11 @@ bool ExtendCombination(const std::vector<SlotMatch>& tags, const Combination& co
   return nothing_added;
 }
 
-// The combinations of the sorted `tags` in CombinationLess order, up to `limit` as Parse says.
-std::vector<Combination> BuildCombinations(const std::vector<SlotMatch>& tags, size_t limit) {
-  const CombinationLess less(&tags);
+// The combinations of the sorted `tags` in CombinationLess order, up to `limit` as ParseAll
+// says.
+std::vector<Combination> BuildCombinations(const std::vector<SlotMatch>& tags,
+                                           const std::vector<uint32_t>& classes, size_t limit) {
+  const CombinationLess less(&classes);
   CombinationSet generation(less);
   for (uint32_t i = 0; i < tags.size(); ++i) generation.insert(Combination{i});
   // Generations differ in length, so no combination is in two of them: collecting them in a
@@ -98,8 +102,6 @@ std::u16string MakeMarker(const std::string& key) {
   return marker;
 }
 
-constexpr uint32_t kNoKey = UINT32_MAX;
-
 }  // namespace
 
 RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
@@ -114,6 +116,7 @@ RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
         markers_.push_back(MakeMarker(slot.second));
       } catch (const ConversionError&) {
         markers_.push_back(std::nullopt);
+        any_unconvertible_key_ = true;
       }
     }
   }
@@ -133,66 +136,177 @@ RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
         compiled.error = e.what();  // reported only when a query tries the rule
       }
     }
+    intent.first_broken =
+        static_cast<size_t>(std::find_if(intent.rules.begin(), intent.rules.end(),
+                                         [](const Rule& rule) { return !rule.regex.has_value(); }) -
+                            intent.rules.begin());
+    any_broken_rule_ = any_broken_rule_ || intent.first_broken < intent.rules.size();
   }
 }
 
-std::vector<IntentCandidate> RegexParser::Parse(const std::u16string& query,
-                                                std::vector<SlotMatch> tags) const {
+// The query's tags in combination order, with what the parser needs to know of each.
+struct RegexParser::PreparedTags {
+  std::vector<SlotMatch> tags;
+  std::vector<uint32_t> keys;     // per tag: index of its key among the named keys, or kNoKey
+  std::vector<uint32_t> classes;  // per tag: equal tags share one; ascending in tag order
+  std::vector<Combination> combinations;
+};
+
+RegexParser::PreparedTags RegexParser::Prepare(std::vector<SlotMatch> tags) const {
   std::stable_sort(tags.begin(), tags.end(),
                    [](const SlotMatch& a, const SlotMatch& b) { return CompareTags(a, b) < 0; });
-  std::vector<uint32_t> keys;  // per tag: index of its key among the named keys, or kNoKey
-  keys.reserve(tags.size());
+  PreparedTags prepared;
+  prepared.keys.reserve(tags.size());
+  prepared.classes.reserve(tags.size());
   for (size_t i = 0; i < tags.size(); ++i) {
-    if (i > 0 && tags[i].key == tags[i - 1].key) {  // sorted: equal keys are neighbours
-      keys.push_back(keys.back());
-      continue;
+    // Sorted: equal keys, and equal tags, are neighbours.
+    const bool same_key = i > 0 && tags[i].key == tags[i - 1].key;
+    if (same_key) {
+      prepared.keys.push_back(prepared.keys.back());
+    } else {
+      const auto found = key_index_.find(tags[i].key);
+      prepared.keys.push_back(found == key_index_.end() ? kNoKey : found->second);
     }
-    const auto found = key_index_.find(tags[i].key);
-    keys.push_back(found == key_index_.end() ? kNoKey : found->second);
+    const bool same_tag = same_key && tags[i].value == tags[i - 1].value;
+    prepared.classes.push_back(i == 0 ? 0 : prepared.classes.back() + (same_tag ? 0 : 1));
   }
+  prepared.tags = std::move(tags);
+  prepared.combinations = BuildCombinations(prepared.tags, prepared.classes, max_combinations_);
+  return prepared;
+}
 
+bool RegexParser::Accepts(const Intent& intent, const PreparedTags& tags,
+                          const Combination& combination) {
+  return std::all_of(combination.begin(), combination.end(), [&](uint32_t t) {
+    return tags.keys[t] != kNoKey && intent.accepts[tags.keys[t]];
+  });
+}
+
+void RegexParser::Rewrite(const std::u16string& query, const PreparedTags& tags,
+                          const Combination& combination, std::u16string* rewritten) const {
+  rewritten->clear();
+  size_t pos = 0;
+  for (uint32_t t : combination) {
+    const SlotMatch& tag = tags.tags[t];
+    const size_t start = static_cast<uint32_t>(tag.start);
+    if (pos < start) rewritten->append(query, pos, start - pos);
+    const uint32_t key = tags.keys[t];
+    // A key that could not be converted at start-up throws here, when a query needs it.
+    rewritten->append(key != kNoKey && markers_[key].has_value() ? *markers_[key]
+                                                                 : MakeMarker(tag.key));
+    pos = start + static_cast<uint32_t>(tag.length);
+  }
+  if (pos < query.size()) rewritten->append(query, pos);
+}
+
+IntentCandidate RegexParser::MakeCandidate(const std::u16string& query, const Intent& intent,
+                                           const PreparedTags& tags,
+                                           const Combination& combination) {
+  IntentCandidate candidate;
+  candidate.intent = intent.name;
+  candidate.text = query;
+  candidate.slots.reserve(combination.size());
+  for (uint32_t t : combination) candidate.slots.push_back(tags.tags[t]);
+  return candidate;
+}
+
+namespace {
+
+// True when one of `rules` before `end` matches the whole `subject`; throws for a rule that
+// did not compile once it is reached.
+template <typename Rules>
+bool AnyRuleMatches(const Rules& rules, size_t end, const RegexSubject& subject) {
+  for (size_t r = 0; r < end; ++r) {
+    if (!rules[r].regex.has_value()) throw RegexError(rules[r].error);
+    if (rules[r].regex->FullMatch(subject)) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+std::vector<IntentCandidate> RegexParser::ParseAll(const std::u16string& query,
+                                                   std::vector<SlotMatch> tags) const {
+  const PreparedTags prepared = Prepare(std::move(tags));
   std::vector<IntentCandidate> candidates;
   std::u16string rewritten;
   RegexSubject subject;
-  for (const Combination& combination : BuildCombinations(tags, max_combinations_)) {
+  for (const Combination& combination : prepared.combinations) {
     // The rewritten query depends only on the combination: built for the first intent that
     // accepts the combination and reused for the others.
     bool built = false;
     for (const Intent& intent : intents_) {
-      const bool accepted = std::all_of(combination.begin(), combination.end(), [&](uint32_t t) {
-        return keys[t] != kNoKey && intent.accepts[keys[t]];
-      });
-      if (!accepted) continue;
+      if (!Accepts(intent, prepared, combination)) continue;
       if (!built) {
-        rewritten.clear();
-        size_t pos = 0;
-        for (uint32_t t : combination) {
-          const size_t start = static_cast<uint32_t>(tags[t].start);
-          // Overlapping tags are never combined; the check keeps text from being copied back.
-          if (pos < start) rewritten.append(query, pos, start - pos);
-          // A key that Init could not convert throws here, when a query needs it.
-          rewritten.append(keys[t] != kNoKey && markers_[keys[t]].has_value()
-                               ? *markers_[keys[t]]
-                               : MakeMarker(tags[t].key));
-          pos = start + static_cast<uint32_t>(tags[t].length);
-        }
-        if (pos < query.size()) rewritten.append(query, pos);
+        Rewrite(query, prepared, combination, &rewritten);
         subject.Assign(rewritten);
         built = true;
       }
-      for (const Rule& rule : intent.rules) {
-        if (!rule.regex.has_value()) throw RegexError(rule.error);
-        if (!rule.regex->FullMatch(subject)) continue;
-        IntentCandidate& candidate = candidates.emplace_back();
-        candidate.intent = intent.name;
-        candidate.text = query;
-        candidate.slots.reserve(combination.size());
-        for (uint32_t t : combination) candidate.slots.push_back(tags[t]);
-        break;
+      if (AnyRuleMatches(intent.rules, intent.rules.size(), subject)) {
+        candidates.push_back(MakeCandidate(query, intent, prepared, combination));
       }
     }
   }
   return candidates;
+}
+
+std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
+                                                  std::vector<SlotMatch> tags) const {
+  const PreparedTags prepared = Prepare(std::move(tags));
+  const std::vector<Combination>& combinations = prepared.combinations;
+  std::u16string rewritten;
+  RegexSubject subject;
+
+  // A rule that did not compile, or a marker that could not be converted, fails the query
+  // whenever the exhaustive search reaches it: for a rule, some combination its intent accepts
+  // that no earlier rule of the intent matches; for a marker, any accepted combination holding
+  // its tag. That does not depend on the order of the search, so it is settled first, and the
+  // search below never reaches either.
+  if (any_broken_rule_ || any_unconvertible_key_) {
+    for (const Combination& combination : combinations) {
+      bool built = false;
+      for (const Intent& intent : intents_) {
+        if (!Accepts(intent, prepared, combination)) continue;
+        if (!built) {
+          Rewrite(query, prepared, combination, &rewritten);
+          subject.Assign(rewritten);
+          built = true;
+        }
+        if (intent.first_broken < intent.rules.size() &&
+            !AnyRuleMatches(intent.rules, intent.first_broken, subject)) {
+          throw RegexError(intent.rules[intent.first_broken].error);
+        }
+      }
+    }
+  }
+
+  // Candidates in rank order: most covered units, then fewest slots, then the order in which
+  // the exhaustive search finds them (combination order, then intent order).
+  std::vector<std::pair<CandidateScore, uint32_t>> order;
+  order.reserve(combinations.size());
+  for (uint32_t c = 0; c < combinations.size(); ++c) {
+    uint32_t total = 0;
+    for (uint32_t t : combinations[c]) total += static_cast<uint32_t>(prepared.tags[t].length);
+    order.emplace_back(Ranker::Score(combinations[c].size(), total, static_cast<int32_t>(c)), c);
+  }
+  std::stable_sort(order.begin(), order.end(), [](const auto& a, const auto& b) {
+    return Ranker::RanksBefore(a.first, b.first);
+  });
+  for (const auto& [score, c] : order) {
+    bool built = false;
+    for (const Intent& intent : intents_) {
+      if (!Accepts(intent, prepared, combinations[c])) continue;
+      if (!built) {
+        Rewrite(query, prepared, combinations[c], &rewritten);
+        subject.Assign(rewritten);
+        built = true;
+      }
+      if (AnyRuleMatches(intent.rules, intent.rules.size(), subject)) {
+        return MakeCandidate(query, intent, prepared, combinations[c]);
+      }
+    }
+  }
+  return std::nullopt;
 }
 
 }  // namespace rulenlu

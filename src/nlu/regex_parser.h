@@ -43,8 +43,16 @@ class RegexParser {
   // Each candidate has version 0, the intent's name, `query` as text and the combination's tags
   // as slots. No tags give no candidates. Throws Error when a rule that did not compile or
   // cannot be matched is tried, or a tried key is not UTF-8.
-  std::vector<IntentCandidate> Parse(const std::u16string& query,
-                                     std::vector<SlotMatch> tags) const;
+  std::vector<IntentCandidate> ParseAll(const std::u16string& query,
+                                        std::vector<SlotMatch> tags) const;
+
+  // The candidate that Ranker::Rank would choose among ParseAll's, or nothing when there is
+  // none; throws when ParseAll throws for a rule that does not compile. Candidates are tried in
+  // rank order and the search stops at the first whole match, so a rule is matched only when
+  // no better candidate exists: a match that cannot be carried out (RegexError) fails the query
+  // only when it is reached in that order.
+  std::optional<IntentCandidate> Parse(const std::u16string& query,
+                                       std::vector<SlotMatch> tags) const;
 
  private:
   // A rule as built: compiled, or the reason it did not compile.
@@ -57,10 +65,24 @@ class RegexParser {
     std::string name;
     std::vector<bool> accepts;  // by named key index
     std::vector<Rule> rules;
+    size_t first_broken;  // index of the first rule that did not compile; rules.size() if none
   };
+
+  struct PreparedTags;
+
+  PreparedTags Prepare(std::vector<SlotMatch> tags) const;
+  static bool Accepts(const Intent& intent, const PreparedTags& tags,
+                      const std::vector<uint32_t>& combination);
+  void Rewrite(const std::u16string& query, const PreparedTags& tags,
+               const std::vector<uint32_t>& combination, std::u16string* rewritten) const;
+  static IntentCandidate MakeCandidate(const std::u16string& query, const Intent& intent,
+                                       const PreparedTags& tags,
+                                       const std::vector<uint32_t>& combination);
 
   size_t max_combinations_;
   std::vector<Intent> intents_;
+  bool any_broken_rule_ = false;
+  bool any_unconvertible_key_ = false;
   // Every key that some intent's slots name, with its "<key>" marker (none when the key is not
   // UTF-8; a query that needs it then fails as it would converting it on the spot).
   std::map<std::string, uint32_t> key_index_;
