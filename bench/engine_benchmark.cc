@@ -1,9 +1,13 @@
-// Speed of the hot operations on the shipped example configuration.
+// Speed of the hot operations on the example and the two benchmark workloads.
 //
-//   ./build/bench/engine_benchmark
+//   ./build/bench/engine_benchmark [--benchmark_filter=...]
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <chrono>
 #include <fstream>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -21,53 +25,84 @@ class NullSink : public LogSink {
   void Write(LogStream, std::string_view) override {}
 };
 
-std::vector<std::string> ExampleQueries() {
-  std::ifstream in(std::string(RULENLU_EXAMPLES_DIR) + "/queries.txt");
+// A configuration and its queries, relative to the source tree.
+struct Workload {
+  const char* config;
+  const char* queries;
+};
+const std::map<std::string, Workload> kWorkloads = {
+    {"example", {"examples/collab.json", "examples/queries.txt"}},
+    {"shared", {"bench/workload/config.json", "bench/workload/queries.txt"}},
+    {"many_rules", {"bench/many_rules/config.json", "bench/many_rules/queries.txt"}}};
+
+std::string SourcePath(const char* relative) {
+  return std::string(RULENLU_SOURCE_DIR) + "/" + relative;
+}
+
+void SilenceLog() {
+  static NullSink sink;
+  SetLogSink(&sink);
+}
+
+// The engine of a workload, built once and kept.
+const NluEngine& EngineOf(const std::string& name) {
+  static std::map<std::string, std::unique_ptr<NluEngine>>* engines =
+      new std::map<std::string, std::unique_ptr<NluEngine>>;
+  std::unique_ptr<NluEngine>& engine = (*engines)[name];
+  if (engine == nullptr) {
+    SilenceLog();
+    engine = std::make_unique<NluEngine>(
+        *ParseNluConfig(ReadWholeFile(SourcePath(kWorkloads.at(name).config))));
+  }
+  return *engine;
+}
+
+std::vector<std::string> QueriesOf(const std::string& name) {
+  std::ifstream in(SourcePath(kWorkloads.at(name).queries));
   std::vector<std::string> queries;
   for (std::string line; std::getline(in, line);) queries.push_back(line);
   return queries;
 }
 
-const NluEngine& ExampleEngine() {
-  static NluEngine* engine = [] {
-    static NullSink sink;
-    SetLogSink(&sink);
-    return new NluEngine(
-        *ParseNluConfig(ReadWholeFile(std::string(RULENLU_EXAMPLES_DIR) + "/collab.json")));
-  }();
-  return *engine;
-}
-
-// One whole query, as the host sees it (log lines dropped).
-void BM_ProcessExampleQueries(benchmark::State& state) {
-  const NluEngine& engine = ExampleEngine();
-  const std::vector<std::string> queries = ExampleQueries();
+// Whole queries as the host sees them (log lines dropped), one query per iteration, cycling
+// through the workload's queries. Reports the 99th percentile of single queries as a counter.
+void BM_Process(benchmark::State& state, const std::string& name) {
+  const NluEngine& engine = EngineOf(name);
+  const std::vector<std::string> queries = QueriesOf(name);
+  std::vector<double> nanos;
+  nanos.reserve(1 << 20);
   size_t i = 0;
   for (auto _ : state) {
+    const auto begin = std::chrono::steady_clock::now();
     benchmark::DoNotOptimize(engine.Process(queries[i]));
+    nanos.push_back(
+        std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - begin).count());
     i = (i + 1) % queries.size();
   }
+  std::sort(nanos.begin(), nanos.end());
+  state.counters["p99_us"] = nanos.empty() ? 0 : nanos[nanos.size() * 99 / 100] / 1000;
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_ProcessExampleQueries)->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK_CAPTURE(BM_Process, example, std::string("example"));
+BENCHMARK_CAPTURE(BM_Process, shared, std::string("shared"));
+BENCHMARK_CAPTURE(BM_Process, many_rules, std::string("many_rules"));
 
-// A query that no vocabulary word appears in: the cost of looking and finding nothing.
-void BM_ProcessUntaggedQuery(benchmark::State& state) {
-  const NluEngine& engine = ExampleEngine();
-  const std::string query = "what is the weather going to be like over the weekend";
-  for (auto _ : state) benchmark::DoNotOptimize(engine.Process(query));
-  state.SetItemsProcessed(state.iterations());
+// Start-up: parsing the document and building the engine.
+void BM_StartUp(benchmark::State& state, const std::string& name) {
+  SilenceLog();
+  const std::string document = ReadWholeFile(SourcePath(kWorkloads.at(name).config));
+  for (auto _ : state) NluEngine engine(*ParseNluConfig(document));
 }
-BENCHMARK(BM_ProcessUntaggedQuery);
+BENCHMARK_CAPTURE(BM_StartUp, shared, std::string("shared"))->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_StartUp, many_rules, std::string("many_rules"))->Unit(benchmark::kMillisecond);
 
-void BM_ParseExampleConfig(benchmark::State& state) {
-  static NullSink sink;
-  SetLogSink(&sink);
-  const std::string document = ReadWholeFile(std::string(RULENLU_EXAMPLES_DIR) + "/collab.json");
+void BM_ParseConfig(benchmark::State& state) {
+  SilenceLog();
+  const std::string document = ReadWholeFile(SourcePath(kWorkloads.at("shared").config));
   for (auto _ : state) benchmark::DoNotOptimize(ParseNluConfig(document));
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(document.size()));
 }
-BENCHMARK(BM_ParseExampleConfig);
+BENCHMARK(BM_ParseConfig)->Unit(benchmark::kMillisecond);
 
 void BM_Utf8ToUtf16(benchmark::State& state) {
   const std::string text =

@@ -17,6 +17,9 @@ using Combination = std::vector<uint32_t>;
 
 constexpr uint32_t kNoKey = UINT32_MAX;
 
+// Words of a bit set of `keys` keys (at least one, so that every set has a first word).
+size_t KeyWords(size_t keys) { return keys / 64 + 1; }
+
 // Negative, zero or positive as `a` comes before, with or after `b` in combination order.
 int CompareTags(const SlotMatch& a, const SlotMatch& b) {
   const int by_key = a.key.compare(b.key);  // char_traits<char> compares bytes as unsigned
@@ -125,8 +128,11 @@ RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
   for (const auto& [name, config] : intent_map) {
     Intent& intent = intents_.emplace_back();
     intent.name = name;
-    intent.accepts.assign(markers_.size(), false);
-    for (const auto& slot : config.slots) intent.accepts[key_index_.at(slot.second)] = true;
+    intent.accepts.assign(KeyWords(markers_.size()), 0);
+    for (const auto& slot : config.slots) {
+      const uint32_t key = key_index_.at(slot.second);
+      intent.accepts[key / 64] |= uint64_t{1} << (key % 64);
+    }
     intent.rules.reserve(config.regexRules.size());
     for (const std::u16string& rule : config.regexRules) {
       Rule& compiled = intent.rules.emplace_back();
@@ -150,6 +156,10 @@ struct RegexParser::PreparedTags {
   std::vector<uint32_t> keys;     // per tag: index of its key among the named keys, or kNoKey
   std::vector<uint32_t> classes;  // per tag: equal tags share one; ascending in tag order
   std::vector<Combination> combinations;
+  // Per combination, the bit set of its tags' keys (KeyWords words each); a combination with a
+  // tag whose key no intent names has the bit of kNoKey's stand-in, a key no intent accepts.
+  std::vector<uint64_t> key_sets;
+  size_t words = 0;
 };
 
 RegexParser::PreparedTags RegexParser::Prepare(std::vector<SlotMatch> tags) const {
@@ -172,14 +182,25 @@ RegexParser::PreparedTags RegexParser::Prepare(std::vector<SlotMatch> tags) cons
   }
   prepared.tags = std::move(tags);
   prepared.combinations = BuildCombinations(prepared.tags, prepared.classes, max_combinations_);
+  // The bit markers_.size() stands for every key that no intent names: no intent has it.
+  prepared.words = KeyWords(markers_.size());
+  prepared.key_sets.assign(prepared.combinations.size() * prepared.words, 0);
+  for (size_t c = 0; c < prepared.combinations.size(); ++c) {
+    uint64_t* set = &prepared.key_sets[c * prepared.words];
+    for (uint32_t t : prepared.combinations[c]) {
+      const size_t key = prepared.keys[t] == kNoKey ? markers_.size() : prepared.keys[t];
+      set[key / 64] |= uint64_t{1} << (key % 64);
+    }
+  }
   return prepared;
 }
 
-bool RegexParser::Accepts(const Intent& intent, const PreparedTags& tags,
-                          const Combination& combination) {
-  return std::all_of(combination.begin(), combination.end(), [&](uint32_t t) {
-    return tags.keys[t] != kNoKey && intent.accepts[tags.keys[t]];
-  });
+bool RegexParser::Accepts(const Intent& intent, const PreparedTags& tags, size_t c) {
+  const uint64_t* set = &tags.key_sets[c * tags.words];
+  for (size_t w = 0; w < tags.words; ++w) {
+    if ((set[w] & ~intent.accepts[w]) != 0) return false;
+  }
+  return true;
 }
 
 void RegexParser::Rewrite(const std::u16string& query, const PreparedTags& tags,
@@ -231,12 +252,13 @@ std::vector<IntentCandidate> RegexParser::ParseAll(const std::u16string& query,
   std::vector<IntentCandidate> candidates;
   std::u16string rewritten;
   RegexSubject subject;
-  for (const Combination& combination : prepared.combinations) {
+  for (size_t c = 0; c < prepared.combinations.size(); ++c) {
+    const Combination& combination = prepared.combinations[c];
     // The rewritten query depends only on the combination: built for the first intent that
     // accepts the combination and reused for the others.
     bool built = false;
     for (const Intent& intent : intents_) {
-      if (!Accepts(intent, prepared, combination)) continue;
+      if (!Accepts(intent, prepared, c)) continue;
       if (!built) {
         Rewrite(query, prepared, combination, &rewritten);
         subject.Assign(rewritten);
@@ -263,10 +285,11 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
   // its tag. That does not depend on the order of the search, so it is settled first, and the
   // search below never reaches either.
   if (any_broken_rule_ || any_unconvertible_key_) {
-    for (const Combination& combination : combinations) {
+    for (size_t c = 0; c < combinations.size(); ++c) {
+      const Combination& combination = combinations[c];
       bool built = false;
       for (const Intent& intent : intents_) {
-        if (!Accepts(intent, prepared, combination)) continue;
+        if (!Accepts(intent, prepared, c)) continue;
         if (!built) {
           Rewrite(query, prepared, combination, &rewritten);
           subject.Assign(rewritten);
@@ -295,7 +318,7 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
   for (const auto& [score, c] : order) {
     bool built = false;
     for (const Intent& intent : intents_) {
-      if (!Accepts(intent, prepared, combinations[c])) continue;
+      if (!Accepts(intent, prepared, c)) continue;
       if (!built) {
         Rewrite(query, prepared, combinations[c], &rewritten);
         subject.Assign(rewritten);

@@ -63,7 +63,7 @@ class RegexParser {
   // What Parse needs of an intent, in name order.
   struct Intent {
     std::string name;
-    std::vector<bool> accepts;  // by named key index
+    std::vector<uint64_t> accepts;  // bit set of the named keys it accepts
     std::vector<Rule> rules;
     size_t first_broken;  // index of the first rule that did not compile; rules.size() if none
   };
@@ -71,8 +71,8 @@ class RegexParser {
   struct PreparedTags;
 
   PreparedTags Prepare(std::vector<SlotMatch> tags) const;
-  static bool Accepts(const Intent& intent, const PreparedTags& tags,
-                      const std::vector<uint32_t>& combination);
+  // True when `intent` accepts every tag of combination `c` of `tags`.
+  static bool Accepts(const Intent& intent, const PreparedTags& tags, size_t c);
   void Rewrite(const std::u16string& query, const PreparedTags& tags,
                const std::vector<uint32_t>& combination, std::u16string* rewritten) const;
   static IntentCandidate MakeCandidate(const std::u16string& query, const Intent& intent,
