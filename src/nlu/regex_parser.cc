@@ -1,7 +1,6 @@
 #include "nlu/regex_parser.h"
 
 #include <algorithm>
-#include <set>
 #include <utility>
 
 #include "base/error.h"
@@ -11,90 +10,90 @@
 namespace rulenlu {
 namespace {
 
-// A tag combination: positions in the sorted tag list, each tag starting after the previous
-// one ends.
-using Combination = std::vector<uint32_t>;
-
 constexpr uint32_t kNoKey = UINT32_MAX;
 
 // Words of a bit set of `keys` keys (at least one, so that every set has a first word).
 size_t KeyWords(size_t keys) { return keys / 64 + 1; }
 
-// Negative, zero or positive as `a` comes before, with or after `b` in combination order.
+// Negative, zero or positive as `a` comes before, with or after `b` in tag order.
 int CompareTags(const SlotMatch& a, const SlotMatch& b) {
   const int by_key = a.key.compare(b.key);  // char_traits<char> compares bytes as unsigned
   if (by_key != 0) return by_key;
   return a.value.compare(b.value);
 }
 
-// Orders combinations lexicographically by the classes of their tags (equal tags share a class,
-// and classes ascend with the tag order), a prefix first. Where a tag stands takes no part, so
-// combinations differing only in the places of equal tags are equal.
-class CombinationLess {
- public:
-  explicit CombinationLess(const std::vector<uint32_t>* classes) : classes_(classes) {}
-  bool operator()(const Combination& a, const Combination& b) const {
-    const std::vector<uint32_t>& classes = *classes_;
-    const size_t common = std::min(a.size(), b.size());
-    for (size_t i = 0; i < common; ++i) {
-      if (classes[a[i]] != classes[b[i]]) return classes[a[i]] < classes[b[i]];
-    }
-    return a.size() < b.size();
-  }
+// Tag combinations stored flat: combination c is the positions, in the sorted tag list,
+// tags[offsets[c]] to tags[offsets[c + 1]], each tag starting after the previous one ends.
+struct Combinations {
+  std::vector<uint32_t> tags;
+  std::vector<uint32_t> offsets{0};
 
- private:
-  const std::vector<uint32_t>* classes_;
+  size_t size() const { return offsets.size() - 1; }
+  const uint32_t* begin(size_t c) const { return tags.data() + offsets[c]; }
+  const uint32_t* end(size_t c) const { return tags.data() + offsets[c + 1]; }
+  size_t length(size_t c) const { return offsets[c + 1] - offsets[c]; }
+  void Add(const uint32_t* first, const uint32_t* last, uint32_t tag) {
+    tags.insert(tags.end(), first, last);
+    tags.push_back(tag);
+    offsets.push_back(static_cast<uint32_t>(this->tags.size()));
+  }
 };
-using CombinationSet = std::set<Combination, CombinationLess>;
 
-// Adds to `*next` `combination` followed by each tag of `tags` that starts after the
-// combination's last tag ends. Returns true when no tag may follow.
-bool ExtendCombination(const std::vector<SlotMatch>& tags, const Combination& combination,
-                       CombinationSet* next) {
-  const SlotMatch& last = tags[combination.back()];
-  // Unsigned on purpose: a tag of length 0 at offset 0 lets nothing follow it.
-  const uint32_t last_unit =
-      static_cast<uint32_t>(last.start) + static_cast<uint32_t>(last.length) - 1u;
-  bool nothing_added = true;
-  Combination extension(combination);
-  extension.push_back(0);
+// The combinations of the sorted `tags`, up to `limit` as ParseAll says, ordered by the classes
+// of their tags (equal tags share a class; classes ascend with the tag order), a prefix first.
+// Of combinations with equal classes only the first one found is kept.
+Combinations BuildCombinations(const std::vector<SlotMatch>& tags,
+                               const std::vector<uint32_t>& classes, size_t limit) {
+  Combinations generation;
   for (uint32_t i = 0; i < tags.size(); ++i) {
-    if (static_cast<uint32_t>(tags[i].start) <= last_unit) continue;
-    extension.back() = i;
-    // Copied only when new: repeated equal tags make most extensions duplicates.
-    const auto at = next->lower_bound(extension);
-    if (at == next->end() || next->key_comp()(extension, *at)) next->emplace_hint(at, extension);
-    nothing_added = false;
+    if (i == 0 || classes[i] != classes[i - 1]) generation.Add(nullptr, nullptr, i);
   }
-  return nothing_added;
-}
-
-// The combinations of the sorted `tags` in CombinationLess order, up to `limit` as ParseAll
-// says.
-std::vector<Combination> BuildCombinations(const std::vector<SlotMatch>& tags,
-                                           const std::vector<uint32_t>& classes, size_t limit) {
-  const CombinationLess less(&classes);
-  CombinationSet generation(less);
-  for (uint32_t i = 0; i < tags.size(); ++i) generation.insert(Combination{i});
-  // Generations differ in length, so no combination is in two of them: collecting them in a
-  // list and sorting it once gives the same order as one set.
-  std::vector<Combination> all(generation.begin(), generation.end());
-
+  Combinations all = generation;
   while (all.size() < limit) {
-    CombinationSet next(less);
+    // Generations come out in order: parents in order, each extended by ascending classes.
+    Combinations next;
     bool extended = false;
-    for (const Combination& combination : generation) {
-      if (!ExtendCombination(tags, combination, &next)) extended = true;
+    for (size_t p = 0; p < generation.size(); ++p) {
+      const SlotMatch& last = tags[*(generation.end(p) - 1)];
+      // Unsigned on purpose: a tag of length 0 at offset 0 lets nothing follow it.
+      const uint32_t last_unit =
+          static_cast<uint32_t>(last.start) + static_cast<uint32_t>(last.length) - 1u;
+      uint32_t added_class = kNoKey;
+      for (uint32_t i = 0; i < tags.size(); ++i) {
+        if (static_cast<uint32_t>(tags[i].start) <= last_unit) continue;
+        extended = true;
+        // Classes ascend with i: an equal tag later in the list would repeat this extension.
+        if (classes[i] == added_class) continue;
+        added_class = classes[i];
+        next.Add(generation.begin(p), generation.end(p), i);
+      }
       // Crossing the limit also ends the growth: the loop condition fails from here on.
       if (all.size() + next.size() > limit) break;
     }
-    all.insert(all.end(), next.begin(), next.end());
+    all.tags.insert(all.tags.end(), next.tags.begin(), next.tags.end());
+    for (size_t c = 1; c < next.offsets.size(); ++c) {
+      all.offsets.push_back(
+          static_cast<uint32_t>(all.offsets.back() + next.offsets[c] - next.offsets[c - 1]));
+    }
     generation = std::move(next);
     if (!extended) break;
   }
 
-  std::sort(all.begin(), all.end(), less);
-  return all;
+  std::vector<uint32_t> order(all.size());
+  for (uint32_t c = 0; c < order.size(); ++c) order[c] = c;
+  std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
+    return std::lexicographical_compare(
+        all.begin(a), all.end(a), all.begin(b), all.end(b),
+        [&](uint32_t x, uint32_t y) { return classes[x] < classes[y]; });
+  });
+  Combinations sorted;
+  sorted.tags.reserve(all.tags.size());
+  sorted.offsets.reserve(all.offsets.size());
+  for (uint32_t c : order) {
+    sorted.tags.insert(sorted.tags.end(), all.begin(c), all.end(c));
+    sorted.offsets.push_back(static_cast<uint32_t>(sorted.tags.size()));
+  }
+  return sorted;
 }
 
 // "<" key ">" in UTF-16. Throws ConversionError when `key` is not UTF-8.
@@ -155,7 +154,7 @@ struct RegexParser::PreparedTags {
   std::vector<SlotMatch> tags;
   std::vector<uint32_t> keys;     // per tag: index of its key among the named keys, or kNoKey
   std::vector<uint32_t> classes;  // per tag: equal tags share one; ascending in tag order
-  std::vector<Combination> combinations;
+  Combinations combinations;
   // Per combination, the bit set of its tags' keys (KeyWords words each); a combination with a
   // tag whose key no intent names has the bit of kNoKey's stand-in, a key no intent accepts.
   std::vector<uint64_t> key_sets;
@@ -187,8 +186,9 @@ RegexParser::PreparedTags RegexParser::Prepare(std::vector<SlotMatch> tags) cons
   prepared.key_sets.assign(prepared.combinations.size() * prepared.words, 0);
   for (size_t c = 0; c < prepared.combinations.size(); ++c) {
     uint64_t* set = &prepared.key_sets[c * prepared.words];
-    for (uint32_t t : prepared.combinations[c]) {
-      const size_t key = prepared.keys[t] == kNoKey ? markers_.size() : prepared.keys[t];
+    for (const uint32_t* t = prepared.combinations.begin(c); t != prepared.combinations.end(c);
+         ++t) {
+      const size_t key = prepared.keys[*t] == kNoKey ? markers_.size() : prepared.keys[*t];
       set[key / 64] |= uint64_t{1} << (key % 64);
     }
   }
@@ -203,11 +203,13 @@ bool RegexParser::Accepts(const Intent& intent, const PreparedTags& tags, size_t
   return true;
 }
 
-void RegexParser::Rewrite(const std::u16string& query, const PreparedTags& tags,
-                          const Combination& combination, std::u16string* rewritten) const {
+void RegexParser::Rewrite(const std::u16string& query, const PreparedTags& tags, size_t c,
+                          std::u16string* rewritten) const {
   rewritten->clear();
   size_t pos = 0;
-  for (uint32_t t : combination) {
+  for (const uint32_t* t_at = tags.combinations.begin(c); t_at != tags.combinations.end(c);
+       ++t_at) {
+    const uint32_t t = *t_at;
     const SlotMatch& tag = tags.tags[t];
     const size_t start = static_cast<uint32_t>(tag.start);
     if (pos < start) rewritten->append(query, pos, start - pos);
@@ -221,13 +223,14 @@ void RegexParser::Rewrite(const std::u16string& query, const PreparedTags& tags,
 }
 
 IntentCandidate RegexParser::MakeCandidate(const std::u16string& query, const Intent& intent,
-                                           const PreparedTags& tags,
-                                           const Combination& combination) {
+                                           const PreparedTags& tags, size_t c) {
   IntentCandidate candidate;
   candidate.intent = intent.name;
   candidate.text = query;
-  candidate.slots.reserve(combination.size());
-  for (uint32_t t : combination) candidate.slots.push_back(tags.tags[t]);
+  candidate.slots.reserve(tags.combinations.length(c));
+  for (const uint32_t* t = tags.combinations.begin(c); t != tags.combinations.end(c); ++t) {
+    candidate.slots.push_back(tags.tags[*t]);
+  }
   return candidate;
 }
 
@@ -253,19 +256,18 @@ std::vector<IntentCandidate> RegexParser::ParseAll(const std::u16string& query,
   std::u16string rewritten;
   RegexSubject subject;
   for (size_t c = 0; c < prepared.combinations.size(); ++c) {
-    const Combination& combination = prepared.combinations[c];
     // The rewritten query depends only on the combination: built for the first intent that
     // accepts the combination and reused for the others.
     bool built = false;
     for (const Intent& intent : intents_) {
       if (!Accepts(intent, prepared, c)) continue;
       if (!built) {
-        Rewrite(query, prepared, combination, &rewritten);
+        Rewrite(query, prepared, c, &rewritten);
         subject.Assign(rewritten);
         built = true;
       }
       if (AnyRuleMatches(intent.rules, intent.rules.size(), subject)) {
-        candidates.push_back(MakeCandidate(query, intent, prepared, combination));
+        candidates.push_back(MakeCandidate(query, intent, prepared, c));
       }
     }
   }
@@ -275,7 +277,7 @@ std::vector<IntentCandidate> RegexParser::ParseAll(const std::u16string& query,
 std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
                                                   std::vector<SlotMatch> tags) const {
   const PreparedTags prepared = Prepare(std::move(tags));
-  const std::vector<Combination>& combinations = prepared.combinations;
+  const Combinations& combinations = prepared.combinations;
   std::u16string rewritten;
   RegexSubject subject;
 
@@ -286,12 +288,11 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
   // search below never reaches either.
   if (any_broken_rule_ || any_unconvertible_key_) {
     for (size_t c = 0; c < combinations.size(); ++c) {
-      const Combination& combination = combinations[c];
       bool built = false;
       for (const Intent& intent : intents_) {
         if (!Accepts(intent, prepared, c)) continue;
         if (!built) {
-          Rewrite(query, prepared, combination, &rewritten);
+          Rewrite(query, prepared, c, &rewritten);
           subject.Assign(rewritten);
           built = true;
         }
@@ -309,8 +310,10 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
   order.reserve(combinations.size());
   for (uint32_t c = 0; c < combinations.size(); ++c) {
     uint32_t total = 0;
-    for (uint32_t t : combinations[c]) total += static_cast<uint32_t>(prepared.tags[t].length);
-    order.emplace_back(Ranker::Score(combinations[c].size(), total, static_cast<int32_t>(c)), c);
+    for (const uint32_t* t = combinations.begin(c); t != combinations.end(c); ++t) {
+      total += static_cast<uint32_t>(prepared.tags[*t].length);
+    }
+    order.emplace_back(Ranker::Score(combinations.length(c), total, static_cast<int32_t>(c)), c);
   }
   std::stable_sort(order.begin(), order.end(), [](const auto& a, const auto& b) {
     return Ranker::RanksBefore(a.first, b.first);
@@ -320,12 +323,12 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
     for (const Intent& intent : intents_) {
       if (!Accepts(intent, prepared, c)) continue;
       if (!built) {
-        Rewrite(query, prepared, combinations[c], &rewritten);
+        Rewrite(query, prepared, c, &rewritten);
         subject.Assign(rewritten);
         built = true;
       }
       if (AnyRuleMatches(intent.rules, intent.rules.size(), subject)) {
-        return MakeCandidate(query, intent, prepared, combinations[c]);
+        return MakeCandidate(query, intent, prepared, c);
       }
     }
   }

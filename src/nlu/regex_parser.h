@@ -73,11 +73,12 @@ class RegexParser {
   PreparedTags Prepare(std::vector<SlotMatch> tags) const;
   // True when `intent` accepts every tag of combination `c` of `tags`.
   static bool Accepts(const Intent& intent, const PreparedTags& tags, size_t c);
-  void Rewrite(const std::u16string& query, const PreparedTags& tags,
-               const std::vector<uint32_t>& combination, std::u16string* rewritten) const;
+  // `query` with each tag of combination `c` of `tags` replaced by its marker.
+  void Rewrite(const std::u16string& query, const PreparedTags& tags, size_t c,
+               std::u16string* rewritten) const;
+  // The candidate of `intent` with the tags of combination `c` as slots.
   static IntentCandidate MakeCandidate(const std::u16string& query, const Intent& intent,
-                                       const PreparedTags& tags,
-                                       const std::vector<uint32_t>& combination);
+                                       const PreparedTags& tags, size_t c);
 
   size_t max_combinations_;
   std::vector<Intent> intents_;
