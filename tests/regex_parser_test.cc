@@ -27,6 +27,39 @@ SlotMatch Tag(const std::string& key, const std::u16string& value, int32_t start
   return {key, value, start, static_cast<int32_t>(value.size())};
 }
 
+// Every vocabulary name the tests tag with, in byte-wise order, as the tagger lists them.
+const std::vector<std::string>& Names() {
+  static const std::vector<std::string> names = {"a", "b", "c",        "c++", "city", "contact",
+                                                 "e", "f", "person",   "t",   "town", "unnamed",
+                                                 "x", "y", "\xC3\xA9", "\xFF"};
+  return names;
+}
+
+// `tags` as the tagger hands them over; each tag's text must stand in `query` where it starts.
+std::vector<QueryTag> ToQueryTags(const std::vector<SlotMatch>& tags, const std::u16string& query) {
+  std::vector<QueryTag> out;
+  for (const SlotMatch& tag : tags) {
+    EXPECT_EQ(query.substr(tag.start, tag.length), tag.value);
+    const auto name = std::lower_bound(Names().begin(), Names().end(), tag.key);
+    EXPECT_TRUE(name != Names().end() && *name == tag.key) << tag.key;
+    out.push_back({static_cast<uint32_t>(name - Names().begin()), tag.start, tag.length});
+  }
+  return out;
+}
+
+// `count` tags of `query` (at least 5 units) at random places, some equal in several places,
+// some empty.
+std::vector<SlotMatch> RandomTags(std::mt19937& random, const std::u16string& query,
+                                  const std::vector<std::string>& keys, size_t count) {
+  std::vector<SlotMatch> tags;
+  for (size_t i = 0; i < count; ++i) {
+    const int32_t start = static_cast<int32_t>(random() % (query.size() - 4));
+    const int32_t length = static_cast<int32_t>(random() % 5);
+    tags.push_back({keys[random() % keys.size()], query.substr(start, length), start, length});
+  }
+  return tags;
+}
+
 // An intent accepting `keys`, each under a slot name that differs from the key.
 IntentConfig Intent(const std::vector<std::string>& keys, std::vector<std::u16string> rules) {
   IntentConfig intent{"name field, not used", {}, std::move(rules), {}};
@@ -40,7 +73,7 @@ std::string Parse(const RegexParser& parser, const std::u16string& query,
                   std::vector<SlotMatch> tags) {
   std::vector<IntentCandidate> candidates;
   try {
-    candidates = parser.ParseAll(query, std::move(tags));
+    candidates = parser.ParseAll(query, ToQueryTags(tags, query));
   } catch (const Error&) {
     return "failed";
   }
@@ -105,7 +138,7 @@ TEST(RegexParser, RewritesTagCombinationsAndMatchesThemWhole) {
       {"any", Intent({"city", "person"}, {u"go to <(city|person)>"})},
       {"first", Intent({"f"}, {u"nope", u"<f> b", u".*"})}, {"bad_key", Intent({"\xFF"}, {u".*"})},
       {"plus", Intent({"c++"}, {u"learn <c\\+\\+>"})}, {"bracket", Intent({"e"}, {u"<e> [\\d]"})},
-      {"rewrite", Intent({"b", "c", "town"}, {u"<town><b>, <c>!"})}});
+      {"rewrite", Intent({"b", "c", "town"}, {u"<town><b>, <c>!"})}}, Names());
   const std::vector<std::tuple<std::u16string, std::vector<SlotMatch>, std::string>> cases = {
       // A candidate needs a rule matching the whole rewritten query, and an intent that names
       // every tag's key in its slots.
@@ -152,23 +185,20 @@ TEST(RegexParser, CombinesTagsUpToTheLimit) {
   for (int i = 0; i < 8; ++i) row.push_back(Tag("t", std::u16string(1, u'0' + i), i));
   const std::pair<size_t, size_t> sizes[] = {{128, 131}, {36, 36}, {35, 36}, {0, 8}, {1000, 255}};
   for (const auto& [limit, size] : sizes) {
-    const RegexParser parser({{"i", Intent({"t"}, {u".*"})}}, limit);
-    EXPECT_EQ(parser.ParseAll(u"01234567", row).size(), size) << limit;
+    const RegexParser parser({{"i", Intent({"t"}, {u".*"})}}, Names(), limit);
+    EXPECT_EQ(parser.ParseAll(u"01234567", ToQueryTags(row, u"01234567")).size(), size) << limit;
   }
 
   // Random tags, among them equal ones in several places and empty ones, against the reference.
   std::mt19937 random(20240611);
-  const std::string keys[] = {"a", "b", "\xC3\xA9"};
-  const std::u16string values[] = {u"x", u"xy", u"y"};
   for (int trial = 0; trial < 120; ++trial) {
     const size_t limit = std::vector<size_t>{128, 128, 128, 40, 3}[trial % 5];
-    const RegexParser parser({{"i", Intent({"a", "b", "\xC3\xA9"}, {u".*"})}}, limit);
-    std::vector<SlotMatch> tags;
-    for (int i = random() % 46; i > 0; --i) {
-      tags.push_back(Tag(keys[random() % 3], values[random() % 3], random() % 30));
-      tags.back().length = random() % 5;
-    }
-    ASSERT_EQ(Parse(parser, std::u16string(40, u' '), tags), RefCandidates(tags, limit)) << trial;
+    const RegexParser parser({{"i", Intent({"a", "b", "\xC3\xA9"}, {u".*"})}}, Names(), limit);
+    std::u16string query;
+    for (int i = 0; i < 40; ++i) query += u"xy"[random() % 2];
+    const std::vector<SlotMatch> tags =
+        RandomTags(random, query, {"a", "b", "\xC3\xA9"}, random() % 46);
+    ASSERT_EQ(Parse(parser, query, tags), RefCandidates(tags, limit)) << trial;
   }
 }
 
@@ -179,8 +209,7 @@ TEST(RegexParser, CombinesTagsUpToTheLimit) {
 TEST(RegexParser, BestCandidateIsTheRankersChoiceAmongAll) {
   std::mt19937 random(20261123);
   auto pick = [&](size_t n) { return static_cast<size_t>(random() % n); };
-  const std::string keys[] = {"a", "b", "c", "\xFF"};
-  const std::u16string values[] = {u"x", u"xy", u"yy", u"z"};
+  const std::vector<std::string> keys = {"a", "b", "c", "\xFF"};
   const std::u16string rules[] = {
       u".*",    u"<a>.*", u".*<b>",      u"<a><b>.*",     u"(<c> ?)+.*", u".*y.*",      u"<b>",
       u"[^<]*", u"(",     u"<c>.*<a>.*", u"(<a>|<b>) .*", u"x.*",        u".*<b> <c>.*"};
@@ -199,24 +228,21 @@ TEST(RegexParser, BestCandidateIsTheRankersChoiceAmongAll) {
       }
       intents["i" + std::to_string(i)] = Intent(accepted, intent_rules);
     }
-    const RegexParser parser(intents, trial % 3 == 0 ? 5 : 128);
+    const RegexParser parser(intents, Names(), trial % 3 == 0 ? 5 : 128);
     std::u16string query;
     for (int i = 0; i < 12; ++i) query += u"xyz <"[pick(5)];
-    std::vector<SlotMatch> tags;
-    for (size_t i = pick(10); i > 0; --i) {
-      const std::u16string& value = values[pick(4)];
-      tags.push_back(Tag(keys[pick(4)], value, static_cast<int32_t>(pick(query.size()))));
-    }
+    const std::vector<SlotMatch> tags = RandomTags(random, query, keys, pick(10));
     std::string expected;
     try {
-      const IntentCandidate winner = Ranker::Rank(query, parser.ParseAll(query, tags));
+      const IntentCandidate winner =
+          Ranker::Rank(query, parser.ParseAll(query, ToQueryTags(tags, query)));
       expected = winner.intent + "[" + DumpTags(winner.slots) + "]";
     } catch (const Error&) {
       expected = "failed";
     }
     std::string got;
     try {
-      const std::optional<IntentCandidate> best = parser.Parse(query, tags);
+      const std::optional<IntentCandidate> best = parser.Parse(query, ToQueryTags(tags, query));
       got = best.has_value() ? best->intent + "[" + DumpTags(best->slots) + "]" : "unknown[]";
     } catch (const Error&) {
       got = "failed";

@@ -22,7 +22,10 @@ using RegexVocabularies = std::map<std::string, std::vector<std::u16string>>;
 // Dumps the tags of `query` (UTF-8), or "failed" when tagging throws the library's Error.
 std::string Tags(const Tagger& tagger, const std::string& query) {
   try {
-    return DumpTags(tagger.Tag(Utf8ToUtf16(query)));
+    const std::u16string wide = Utf8ToUtf16(query);
+    std::vector<SlotMatch> slots;
+    for (const QueryTag& tag : tagger.Tag(wide)) slots.push_back(tagger.ToSlot(tag, wide));
+    return DumpTags(slots);
   } catch (const Error&) {
     return "failed";
   }

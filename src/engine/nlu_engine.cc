@@ -37,9 +37,9 @@ std::unique_ptr<const Tagger> MakeTagger(NluConfig& config) {
                                         config.variableEntrys);
 }
 
-std::unique_ptr<const RegexParser> MakeParser(const NluConfig& config) {
+std::unique_ptr<const RegexParser> MakeParser(const NluConfig& config, const Tagger& tagger) {
   LogLine(LogStream::kStdout, {"NluEngine: start parser init"});
-  return std::make_unique<const RegexParser>(config.intentMap);
+  return std::make_unique<const RegexParser>(config.intentMap, tagger.vocab_names());
 }
 
 // Runs one stage: a failure of its own or lack of memory fails the query with the stage's code
@@ -60,14 +60,16 @@ bool RunStage(Stage stage, int code, const char* failure, int* status) {
 }  // namespace
 
 NluEngine::NluEngine(NluConfig config)
-    : tagger_(MakeTagger(config)), parser_(MakeParser(config)), version_(config.version) {}
+    : tagger_(MakeTagger(config)),
+      parser_(MakeParser(config, *tagger_)),
+      version_(config.version) {}
 
 NluEngine::~NluEngine() = default;
 
 PipelineOutcome NluEngine::Understand(const std::string& query) const {
   PipelineOutcome outcome;
   std::u16string wide;
-  std::vector<SlotMatch> tags;
+  std::vector<QueryTag> tags;
   std::optional<IntentCandidate> best;
   IntentCandidate winner;
   const bool done =

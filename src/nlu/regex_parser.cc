@@ -15,11 +15,11 @@ constexpr uint32_t kNoKey = UINT32_MAX;
 // Words of a bit set of `keys` keys (at least one, so that every set has a first word).
 size_t KeyWords(size_t keys) { return keys / 64 + 1; }
 
-// Negative, zero or positive as `a` comes before, with or after `b` in tag order.
-int CompareTags(const SlotMatch& a, const SlotMatch& b) {
-  const int by_key = a.key.compare(b.key);  // char_traits<char> compares bytes as unsigned
-  if (by_key != 0) return by_key;
-  return a.value.compare(b.value);
+// Negative, zero or positive as tag `a` comes before, with or after `b` of `query` in tag
+// order: by vocabulary name (byte-wise, as the positions of the names are), then by text.
+int CompareTags(const QueryTag& a, const QueryTag& b, std::u16string_view query) {
+  if (a.vocab != b.vocab) return a.vocab < b.vocab ? -1 : 1;
+  return query.substr(a.start, a.length).compare(query.substr(b.start, b.length));
 }
 
 // Tag combinations stored flat: combination c is the positions, in the sorted tag list,
@@ -42,7 +42,7 @@ struct Combinations {
 // The combinations of the sorted `tags`, up to `limit` as ParseAll says, ordered by the classes
 // of their tags (equal tags share a class; classes ascend with the tag order), a prefix first.
 // Of combinations with equal classes only the first one found is kept.
-Combinations BuildCombinations(const std::vector<SlotMatch>& tags,
+Combinations BuildCombinations(const std::vector<QueryTag>& tags,
                                const std::vector<uint32_t>& classes, size_t limit) {
   Combinations generation;
   for (uint32_t i = 0; i < tags.size(); ++i) {
@@ -54,7 +54,7 @@ Combinations BuildCombinations(const std::vector<SlotMatch>& tags,
     Combinations next;
     bool extended = false;
     for (size_t p = 0; p < generation.size(); ++p) {
-      const SlotMatch& last = tags[*(generation.end(p) - 1)];
+      const QueryTag& last = tags[*(generation.end(p) - 1)];
       // Unsigned on purpose: a tag of length 0 at offset 0 lets nothing follow it.
       const uint32_t last_unit =
           static_cast<uint32_t>(last.start) + static_cast<uint32_t>(last.length) - 1u;
@@ -107,11 +107,14 @@ std::u16string MakeMarker(const std::string& key) {
 }  // namespace
 
 RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
-                         size_t max_combinations)
-    : max_combinations_(max_combinations) {
+                         std::vector<std::string> vocab_names, size_t max_combinations)
+    : max_combinations_(max_combinations), vocab_names_(std::move(vocab_names)) {
+  // Every key that some intent's slots name, with its "<key>" marker (none when the key is not
+  // UTF-8: a query that needs it then fails as it would converting it on the spot).
+  std::map<std::string, uint32_t> key_index;
   for (const auto& [name, intent] : intent_map) {
     for (const auto& slot : intent.slots) {
-      if (!key_index_.emplace(slot.second, static_cast<uint32_t>(markers_.size())).second) {
+      if (!key_index.emplace(slot.second, static_cast<uint32_t>(markers_.size())).second) {
         continue;
       }
       try {
@@ -129,7 +132,7 @@ RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
     intent.name = name;
     intent.accepts.assign(KeyWords(markers_.size()), 0);
     for (const auto& slot : config.slots) {
-      const uint32_t key = key_index_.at(slot.second);
+      const uint32_t key = key_index.at(slot.second);
       intent.accepts[key / 64] |= uint64_t{1} << (key % 64);
     }
     intent.rules.reserve(config.regexRules.size());
@@ -147,11 +150,17 @@ RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
                             intent.rules.begin());
     any_broken_rule_ = any_broken_rule_ || intent.first_broken < intent.rules.size();
   }
+
+  vocab_keys_.reserve(vocab_names_.size());
+  for (const std::string& name : vocab_names_) {
+    const auto found = key_index.find(name);
+    vocab_keys_.push_back(found == key_index.end() ? kNoKey : found->second);
+  }
 }
 
 // The query's tags in combination order, with what the parser needs to know of each.
 struct RegexParser::PreparedTags {
-  std::vector<SlotMatch> tags;
+  std::vector<QueryTag> tags;
   std::vector<uint32_t> keys;     // per tag: index of its key among the named keys, or kNoKey
   std::vector<uint32_t> classes;  // per tag: equal tags share one; ascending in tag order
   Combinations combinations;
@@ -161,22 +170,18 @@ struct RegexParser::PreparedTags {
   size_t words = 0;
 };
 
-RegexParser::PreparedTags RegexParser::Prepare(std::vector<SlotMatch> tags) const {
-  std::stable_sort(tags.begin(), tags.end(),
-                   [](const SlotMatch& a, const SlotMatch& b) { return CompareTags(a, b) < 0; });
+RegexParser::PreparedTags RegexParser::Prepare(std::u16string_view query,
+                                               std::vector<QueryTag> tags) const {
+  std::stable_sort(tags.begin(), tags.end(), [&](const QueryTag& a, const QueryTag& b) {
+    return CompareTags(a, b, query) < 0;
+  });
   PreparedTags prepared;
   prepared.keys.reserve(tags.size());
   prepared.classes.reserve(tags.size());
   for (size_t i = 0; i < tags.size(); ++i) {
-    // Sorted: equal keys, and equal tags, are neighbours.
-    const bool same_key = i > 0 && tags[i].key == tags[i - 1].key;
-    if (same_key) {
-      prepared.keys.push_back(prepared.keys.back());
-    } else {
-      const auto found = key_index_.find(tags[i].key);
-      prepared.keys.push_back(found == key_index_.end() ? kNoKey : found->second);
-    }
-    const bool same_tag = same_key && tags[i].value == tags[i - 1].value;
+    prepared.keys.push_back(vocab_keys_[tags[i].vocab]);
+    // Sorted: equal tags are neighbours.
+    const bool same_tag = i > 0 && CompareTags(tags[i], tags[i - 1], query) == 0;
     prepared.classes.push_back(i == 0 ? 0 : prepared.classes.back() + (same_tag ? 0 : 1));
   }
   prepared.tags = std::move(tags);
@@ -210,26 +215,29 @@ void RegexParser::Rewrite(const std::u16string& query, const PreparedTags& tags,
   for (const uint32_t* t_at = tags.combinations.begin(c); t_at != tags.combinations.end(c);
        ++t_at) {
     const uint32_t t = *t_at;
-    const SlotMatch& tag = tags.tags[t];
+    const QueryTag& tag = tags.tags[t];
     const size_t start = static_cast<uint32_t>(tag.start);
     if (pos < start) rewritten->append(query, pos, start - pos);
     const uint32_t key = tags.keys[t];
     // A key that could not be converted at start-up throws here, when a query needs it.
-    rewritten->append(key != kNoKey && markers_[key].has_value() ? *markers_[key]
-                                                                 : MakeMarker(tag.key));
+    rewritten->append(key != kNoKey && markers_[key].has_value()
+                          ? *markers_[key]
+                          : MakeMarker(vocab_names_[tag.vocab]));
     pos = start + static_cast<uint32_t>(tag.length);
   }
   if (pos < query.size()) rewritten->append(query, pos);
 }
 
 IntentCandidate RegexParser::MakeCandidate(const std::u16string& query, const Intent& intent,
-                                           const PreparedTags& tags, size_t c) {
+                                           const PreparedTags& tags, size_t c) const {
   IntentCandidate candidate;
   candidate.intent = intent.name;
   candidate.text = query;
   candidate.slots.reserve(tags.combinations.length(c));
   for (const uint32_t* t = tags.combinations.begin(c); t != tags.combinations.end(c); ++t) {
-    candidate.slots.push_back(tags.tags[*t]);
+    const QueryTag& tag = tags.tags[*t];
+    candidate.slots.push_back(SlotMatch{
+        vocab_names_[tag.vocab], query.substr(tag.start, tag.length), tag.start, tag.length});
   }
   return candidate;
 }
@@ -250,8 +258,8 @@ bool AnyRuleMatches(const Rules& rules, size_t end, const RegexSubject& subject)
 }  // namespace
 
 std::vector<IntentCandidate> RegexParser::ParseAll(const std::u16string& query,
-                                                   std::vector<SlotMatch> tags) const {
-  const PreparedTags prepared = Prepare(std::move(tags));
+                                                   std::vector<QueryTag> tags) const {
+  const PreparedTags prepared = Prepare(query, std::move(tags));
   std::vector<IntentCandidate> candidates;
   std::u16string rewritten;
   RegexSubject subject;
@@ -275,8 +283,8 @@ std::vector<IntentCandidate> RegexParser::ParseAll(const std::u16string& query,
 }
 
 std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
-                                                  std::vector<SlotMatch> tags) const {
-  const PreparedTags prepared = Prepare(std::move(tags));
+                                                  std::vector<QueryTag> tags) const {
+  const PreparedTags prepared = Prepare(query, std::move(tags));
   const Combinations& combinations = prepared.combinations;
   std::u16string rewritten;
   RegexSubject subject;

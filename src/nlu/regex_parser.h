@@ -12,11 +12,13 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/records.h"
 #include "config/nlu_config.h"
 #include "nlu/regex.h"
+#include "nlu/tagger.h"
 
 namespace rulenlu {
 
@@ -26,8 +28,9 @@ class RegexParser {
   // compile is kept with its reason, logs nothing and fails a query only when Parse tries it.
   // `max_combinations` bounds the number of tag combinations built per query; the generation
   // that crosses it is still added in part.
-  explicit RegexParser(const std::map<std::string, IntentConfig>& intent_map,
-                       size_t max_combinations = 128);
+  // Tags name their vocabulary by its position in `vocab_names`.
+  RegexParser(const std::map<std::string, IntentConfig>& intent_map,
+              std::vector<std::string> vocab_names, size_t max_combinations = 128);
 
   // Returns one candidate per (combination, intent) pair whose intent accepts every tag of the
   // combination and has a rule matching the whole rewritten query, where:
@@ -44,7 +47,7 @@ class RegexParser {
   // as slots. No tags give no candidates. Throws Error when a rule that did not compile or
   // cannot be matched is tried, or a tried key is not UTF-8.
   std::vector<IntentCandidate> ParseAll(const std::u16string& query,
-                                        std::vector<SlotMatch> tags) const;
+                                        std::vector<QueryTag> tags) const;
 
   // The candidate that Ranker::Rank would choose among ParseAll's, or nothing when there is
   // none; throws when ParseAll throws for a rule that does not compile. Candidates are tried in
@@ -52,7 +55,7 @@ class RegexParser {
   // no better candidate exists: a match that cannot be carried out (RegexError) fails the query
   // only when it is reached in that order.
   std::optional<IntentCandidate> Parse(const std::u16string& query,
-                                       std::vector<SlotMatch> tags) const;
+                                       std::vector<QueryTag> tags) const;
 
  private:
   // A rule as built: compiled, or the reason it did not compile.
@@ -70,23 +73,23 @@ class RegexParser {
 
   struct PreparedTags;
 
-  PreparedTags Prepare(std::vector<SlotMatch> tags) const;
+  PreparedTags Prepare(std::u16string_view query, std::vector<QueryTag> tags) const;
   // True when `intent` accepts every tag of combination `c` of `tags`.
   static bool Accepts(const Intent& intent, const PreparedTags& tags, size_t c);
   // `query` with each tag of combination `c` of `tags` replaced by its marker.
   void Rewrite(const std::u16string& query, const PreparedTags& tags, size_t c,
                std::u16string* rewritten) const;
   // The candidate of `intent` with the tags of combination `c` as slots.
-  static IntentCandidate MakeCandidate(const std::u16string& query, const Intent& intent,
-                                       const PreparedTags& tags, size_t c);
+  IntentCandidate MakeCandidate(const std::u16string& query, const Intent& intent,
+                                const PreparedTags& tags, size_t c) const;
 
   size_t max_combinations_;
   std::vector<Intent> intents_;
   bool any_broken_rule_ = false;
   bool any_unconvertible_key_ = false;
-  // Every key that some intent's slots name, with its "<key>" marker (none when the key is not
-  // UTF-8; a query that needs it then fails as it would converting it on the spot).
-  std::map<std::string, uint32_t> key_index_;
+  std::vector<std::string> vocab_names_;
+  std::vector<uint32_t> vocab_keys_;  // per vocabulary: its key, or none when no intent names it
+  // Per key that some intent's slots name: its "<key>" marker, or none when not UTF-8.
   std::vector<std::optional<std::u16string>> markers_;
 };
 

@@ -32,13 +32,6 @@ bool FindReference(std::u16string_view text, size_t* start, size_t* length) {
   return false;
 }
 
-// One dictionary word found in the query.
-struct WordHit {
-  uint32_t vocab;
-  int32_t start;
-  int32_t length;
-};
-
 }  // namespace
 
 // The words of all vocabularies in one trie, flattened into arrays once it is built.
@@ -166,8 +159,15 @@ Tagger::Tagger(const std::map<std::string, std::set<std::u16string>>& vocab_map,
     : trie_(std::make_unique<WordTrie>(vocab_map)) {
   // The trie holds every word, and finds a word only where it fits: no per-vocabulary length
   // bound is needed.
-  vocab_names_.reserve(vocab_map.size());
   for (const auto& [name, words] : vocab_map) vocab_names_.push_back(name);
+  for (const auto& [name, patterns] : regex_vocab_map) vocab_names_.push_back(name);
+  std::sort(vocab_names_.begin(), vocab_names_.end());
+  vocab_names_.erase(std::unique(vocab_names_.begin(), vocab_names_.end()), vocab_names_.end());
+  auto position = [&](const std::string& name) {
+    return static_cast<uint32_t>(std::lower_bound(vocab_names_.begin(), vocab_names_.end(), name) -
+                                 vocab_names_.begin());
+  };
+  for (const auto& [name, words] : vocab_map) dictionary_vocabs_.push_back(position(name));
 
   LogLine(LogStream::kStdout, {"3333333333333333333333333"});
   if (!SubstituteVariables(variable_entries, &regex_vocab_map)) return;
@@ -175,7 +175,7 @@ Tagger::Tagger(const std::map<std::string, std::set<std::u16string>>& vocab_map,
   regex_vocabs_.reserve(regex_vocab_map.size());
   for (const auto& [name, patterns] : regex_vocab_map) {
     RegexVocab& vocab = regex_vocabs_.emplace_back();
-    vocab.name = name;
+    vocab.vocab = position(name);
     vocab.patterns.reserve(patterns.size());
     for (const std::u16string& pattern : patterns) {
       LogLine(LogStream::kStdout, {"pattern:", Utf16ToUtf8(pattern)});
@@ -186,26 +186,23 @@ Tagger::Tagger(const std::map<std::string, std::set<std::u16string>>& vocab_map,
 
 Tagger::~Tagger() = default;
 
-std::vector<SlotMatch> Tagger::Tag(const std::u16string& query) const {
+std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
   if (query.size() > kMaxQueryLength) {
     throw Error("query longer than " + std::to_string(kMaxQueryLength) + " units");
   }
-  std::vector<SlotMatch> tags;
   // Dictionary words: found by start and length, reported by vocabulary, then start, length.
+  // The vocabulary map and vocab_names_ are both in name order, so the trie's positions sort
+  // as the names do.
   const std::u16string_view text(query);
-  std::vector<WordHit> hits;
+  std::vector<QueryTag> tags;
   for (size_t start = 0; start < text.size(); ++start) {
     trie_->ForEachPrefix(text.substr(start), [&](uint32_t vocab, size_t length) {
-      hits.push_back({vocab, static_cast<int32_t>(start), static_cast<int32_t>(length)});
+      tags.push_back({vocab, static_cast<int32_t>(start), static_cast<int32_t>(length)});
     });
   }
-  std::stable_sort(hits.begin(), hits.end(),
-                   [](const WordHit& a, const WordHit& b) { return a.vocab < b.vocab; });
-  tags.reserve(hits.size());
-  for (const WordHit& hit : hits) {
-    tags.push_back(SlotMatch{vocab_names_[hit.vocab], query.substr(hit.start, hit.length),
-                             hit.start, hit.length});
-  }
+  std::stable_sort(tags.begin(), tags.end(),
+                   [](const QueryTag& a, const QueryTag& b) { return a.vocab < b.vocab; });
+  for (QueryTag& tag : tags) tag.vocab = dictionary_vocabs_[tag.vocab];
   if (regex_vocabs_.empty()) return tags;
 
   // Regex vocabularies: each pattern searched again from the end of its previous match, the
@@ -219,9 +216,8 @@ std::vector<SlotMatch> Tagger::Tag(const std::u16string& query) const {
       while (regex.Search(subject, from, &match)) {
         // The next search would begin where this one did and find the same empty match forever.
         if (match.length == 0) throw RegexError("a regex vocabulary pattern matched empty text");
-        tags.push_back(SlotMatch{vocab.name, query.substr(match.start, match.length),
-                                 static_cast<int32_t>(match.start),
-                                 static_cast<int32_t>(match.length)});
+        tags.push_back(
+            {vocab.vocab, static_cast<int32_t>(match.start), static_cast<int32_t>(match.length)});
         from = match.start + match.length;
       }
     }

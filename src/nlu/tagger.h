@@ -22,6 +22,13 @@ namespace rulenlu {
 // The longest query, in UTF-16 units, that the engine answers.
 inline constexpr size_t kMaxQueryLength = kMaxRegexSubjectLength;
 
+// One piece of a query that a vocabulary or regex vocabulary recognised.
+struct QueryTag {
+  uint32_t vocab;  // position of the vocabulary's name in Tagger::vocab_names()
+  int32_t start;   // offset in the query, in UTF-16 units
+  int32_t length;  // in UTF-16 units
+};
+
 class Tagger {
  public:
   // Keeps the vocabularies for dictionary lookup, expands the ${name} variable references of the
@@ -40,24 +47,35 @@ class Tagger {
   Tagger(const Tagger&) = delete;
   Tagger& operator=(const Tagger&) = delete;
 
+  // The name of every vocabulary and regex vocabulary, each once, in byte-wise order: a tag's
+  // vocabulary is a position in this list, so tags compare by name as positions do.
+  const std::vector<std::string>& vocab_names() const { return vocab_names_; }
+
   // Returns all dictionary tags of `query`, ordered by vocabulary name, start and length,
   // followed by all regex tags, ordered by regex vocabulary name, pattern and match position.
   // Throws Error when the query is longer than kMaxQueryLength, and RegexError when a pattern
   // cannot be run or matches empty text.
-  std::vector<SlotMatch> Tag(const std::u16string& query) const;
+  std::vector<QueryTag> Tag(const std::u16string& query) const;
+
+  // `tag` of `query` as a record of its own: vocabulary name, text, start and length.
+  SlotMatch ToSlot(const QueryTag& tag, const std::u16string& query) const {
+    return SlotMatch{vocab_names_[tag.vocab], query.substr(tag.start, tag.length), tag.start,
+                     tag.length};
+  }
 
  private:
   class WordTrie;
 
   struct RegexVocab {
-    std::string name;
+    uint32_t vocab;
     std::vector<Regex> patterns;
   };
 
-  // The words of every vocabulary in one index; a word's vocabulary is its position in
-  // vocab_names_ (name order).
   std::vector<std::string> vocab_names_;
+  // The words of every vocabulary in one index; the trie names vocabularies by their position
+  // in the vocabulary map, dictionary_vocabs_ by their position in vocab_names_.
   std::unique_ptr<const WordTrie> trie_;
+  std::vector<uint32_t> dictionary_vocabs_;
   // Compiled patterns of each regex vocabulary, in name order; empty when expansion failed.
   std::vector<RegexVocab> regex_vocabs_;
 };
