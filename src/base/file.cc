@@ -24,7 +24,8 @@ using File = std::unique_ptr<FILE, FileCloser>;
 // File names are wide here. Text mode on purpose: CR LF arrives as LF and a Ctrl-Z byte ends
 // the text, as Windows editors expect. A name that does not convert opens nothing.
 File OpenForReading(const std::string& path) {
-  const int units = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path.c_str(), -1, nullptr, 0);
+  const int units =
+      MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path.c_str(), -1, nullptr, 0);
   if (units <= 0) return nullptr;
   std::wstring wide(static_cast<size_t>(units), L'\0');
   MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path.c_str(), -1, wide.data(), units);
