@@ -1,5 +1,5 @@
 // Drives the `rulenlu parse` command as scripts do: stdout carries one JSON line per query and
-// nothing else; exit status 0, 1 or 2.
+// nothing else; exit status 0, 1 or 2. `rulenlu version` and `--version` print the version.
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 
@@ -129,6 +129,19 @@ TEST(CliParse, ExitsWithTwoOnUsageErrors) {
     EXPECT_EQ(run.out, "");
     EXPECT_NE(run.err.find("parse"), std::string::npos) << run.err;
   }
+}
+
+TEST(CliVersion, PrintsTheProjectVersion) {
+  for (const char* how : {"--version", "version"}) {
+    const ProcessResult run = RunProcess({kCli, how});
+    EXPECT_EQ(run.exit_code, 0) << how;
+    EXPECT_EQ(run.out, "rulenlu " RULENLU_PROJECT_VERSION "\n") << how;
+    EXPECT_EQ(run.err, "") << how;
+  }
+  const ProcessResult extra = RunProcess({kCli, "version", "extra"});
+  EXPECT_EQ(extra.exit_code, 2);
+  EXPECT_EQ(extra.out, "");
+  EXPECT_NE(extra.err.find("extra"), std::string::npos) << extra.err;
 }
 
 TEST(CliParse, HandlesALongStreamOfQueries) {

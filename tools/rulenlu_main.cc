@@ -1,10 +1,12 @@
 // rulenlu: runs queries through the engine from the command line.
 //
 //   rulenlu parse --config FILE [--quiet] [--state DIR [--wait-update SECONDS]] [QUERY ...]
+//   rulenlu version          (or rulenlu --version)
 //
 // Prints one compact JSON result per query on stdout and nothing else; the engine's log lines
 // go to stderr (or nowhere with --quiet). Exit status: 0 when the configuration loaded, 1 when
-// it did not, 2 on a usage error, 3 when the results could not be written.
+// it did not, 2 on a usage error, 3 when the results could not be written. `version` prints
+// "rulenlu MAJOR.MINOR.PATCH" on stdout and exits with 0.
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <chrono>
@@ -26,6 +28,7 @@
 #include "engine/nlu_engine.h"
 #include "result_json.h"
 #include "rulenlu/engine_api.h"
+#include "rulenlu/version.h"
 #include "services/config_update.h"
 
 namespace {
@@ -33,6 +36,8 @@ namespace {
 constexpr int kExitNoConfig = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitNoOutput = 3;
+
+constexpr char kVersionLine[] = "rulenlu " RULENLU_VERSION_STRING;
 
 // Sends the engine's log lines to stderr, same bytes and order, or drops them.
 class ToolLogSink : public rulenlu::LogSink {
@@ -179,6 +184,8 @@ int main(int argc, char** argv) {
   std::ios::sync_with_stdio(false);
   CLI::App app{"rulenlu: rule-based natural-language understanding"};
   app.require_subcommand(1);
+  // Handled while parsing, before the subcommand is required.
+  app.set_version_flag("--version", kVersionLine, "Print the version and exit");
   ParseOptions options;
   CLI::App* parse =
       app.add_subcommand("parse", "Answer queries with the engine, one JSON line each");
@@ -198,14 +205,21 @@ int main(int argc, char** argv) {
       ->option_text("SECONDS");
   parse->add_option("queries", options.queries, "Queries (default: one per line on stdin)")
       ->option_text("QUERY ...");
+  CLI::App* version = app.add_subcommand("version", "Print the version and exit");
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForVersion& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
     app.exit(e, std::cerr, std::cerr);
     std::cerr << app.help();
     return kExitUsage;
+  }
+  if (version->parsed()) {
+    std::cout << kVersionLine << '\n' << std::flush;
+    return std::cout ? 0 : kExitNoOutput;
   }
   if (options.wait_update > 0 && options.state.empty()) {
     std::cerr << "rulenlu: --wait-update needs --state\n" << parse->help();
