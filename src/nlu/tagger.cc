@@ -74,41 +74,69 @@ class Tagger::WordTrie {
 };
 
 Tagger::WordTrie::WordTrie(const std::map<std::string, std::set<std::u16string>>& vocabularies) {
-  struct BuildNode {
-    std::map<char16_t, uint32_t> children;
-    std::vector<uint32_t> vocabs;
+  // Every (word, vocabulary) in word order: then a node's children are made in unit order and
+  // each word shares with the one before it exactly the nodes of their common prefix.
+  struct Entry {
+    const std::u16string* word;
+    uint32_t vocab;
   };
-  std::vector<BuildNode> nodes(1);
+  std::vector<Entry> entries;
   uint32_t vocab = 0;
   for (const auto& [name, words] : vocabularies) {
-    for (const std::u16string& word : words) {
-      uint32_t node = 0;
-      for (char16_t unit : word) {
-        auto [it, inserted] = nodes[node].children.emplace(unit, 0);
-        if (inserted) {
-          it->second = static_cast<uint32_t>(nodes.size());
-          nodes.emplace_back();
-        }
-        node = it->second;
-      }
-      // Words are unique within a vocabulary, and vocabularies come in ascending order.
-      nodes[node].vocabs.push_back(vocab);
-    }
+    for (const std::u16string& word : words) entries.push_back({&word, vocab});
     ++vocab;
   }
-  first_edge_.reserve(nodes.size() + 1);
-  first_end_.reserve(nodes.size() + 1);
-  for (const BuildNode& node : nodes) {
-    first_edge_.push_back(static_cast<uint32_t>(edge_unit_.size()));
-    for (const auto& [unit, child] : node.children) {
-      edge_unit_.push_back(unit);
-      edge_child_.push_back(child);
+  std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
+    const int order = a.word->compare(*b.word);
+    return order != 0 ? order < 0 : a.vocab < b.vocab;
+  });
+
+  struct Link {
+    uint32_t from;
+    uint32_t payload;  // an edge's unit and child, or an end's vocabulary
+    uint32_t child;
+  };
+  std::vector<Link> edges;
+  std::vector<Link> ends;
+  uint32_t nodes = 1;
+  std::vector<uint32_t> path = {0};  // path[d]: the node after the previous word's first d units
+  const std::u16string* previous = nullptr;
+  for (const Entry& entry : entries) {
+    const std::u16string& word = *entry.word;
+    size_t common = 0;
+    if (previous != nullptr) {
+      const size_t most = std::min(previous->size(), word.size());
+      while (common < most && (*previous)[common] == word[common]) ++common;
     }
-    first_end_.push_back(static_cast<uint32_t>(ends_.size()));
-    ends_.insert(ends_.end(), node.vocabs.begin(), node.vocabs.end());
+    path.resize(common + 1);
+    for (size_t d = common; d < word.size(); ++d) {
+      edges.push_back({path[d], word[d], nodes});
+      path.push_back(nodes++);
+    }
+    ends.push_back({path[word.size()], entry.vocab, 0});
+    previous = &word;
   }
-  first_edge_.push_back(static_cast<uint32_t>(edge_unit_.size()));
-  first_end_.push_back(static_cast<uint32_t>(ends_.size()));
+
+  // Grouped by node, keeping the order they were made in (units and vocabularies ascending).
+  auto group = [&](const std::vector<Link>& links, std::vector<uint32_t>* first) {
+    first->assign(nodes + 1, 0);
+    for (const Link& link : links) ++(*first)[link.from + 1];
+    for (uint32_t n = 0; n < nodes; ++n) (*first)[n + 1] += (*first)[n];
+    std::vector<uint32_t> order(links.size());
+    std::vector<uint32_t> next(first->begin(), first->end() - 1);
+    for (uint32_t i = 0; i < links.size(); ++i) order[next[links[i].from]++] = i;
+    return order;
+  };
+  const std::vector<uint32_t> edge_order = group(edges, &first_edge_);
+  edge_unit_.reserve(edges.size());
+  edge_child_.reserve(edges.size());
+  for (uint32_t i : edge_order) {
+    edge_unit_.push_back(static_cast<char16_t>(edges[i].payload));
+    edge_child_.push_back(edges[i].child);
+  }
+  const std::vector<uint32_t> end_order = group(ends, &first_end_);
+  ends_.reserve(ends.size());
+  for (uint32_t i : end_order) ends_.push_back(ends[i].payload);
 }
 
 namespace {
