@@ -1,6 +1,7 @@
 #include "devhost/curl_http_service.h"
 
 #include <curl/curl.h>
+#include <dlfcn.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 #include <string_view>
 #include <system_error>
 #include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -21,6 +23,57 @@
 
 namespace rulenlu::devhost {
 namespace {
+
+// libcurl, loaded on the first transfer: a process that never transfers does not pay for
+// loading it and the dozens of libraries it needs (most of the tool's start-up otherwise).
+struct Curl {
+  decltype(&curl_easy_init) easy_init;
+  decltype(&curl_easy_cleanup) easy_cleanup;
+  decltype(&curl_easy_setopt) easy_setopt;
+  decltype(&curl_easy_perform) easy_perform;
+  decltype(&curl_easy_getinfo) easy_getinfo;
+  decltype(&curl_easy_strerror) easy_strerror;
+  decltype(&curl_slist_append) slist_append;
+  decltype(&curl_slist_free_all) slist_free_all;
+  std::string error;  // why it could not be loaded; empty when it was
+
+  // The process's one copy, loaded and globally initialized on the first call (any thread).
+  static const Curl& Get() {
+    static const Curl* const curl = Load();  // never unloaded: transfers may outlive callers
+    return *curl;
+  }
+
+ private:
+  static Curl* Load() {
+    auto* curl = new Curl{};
+    void* library = dlopen("libcurl.so.4", RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr) {
+      curl->error = dlerror();
+      return curl;
+    }
+    bool all = true;
+    auto resolve = [&](auto* function, const char* name) {
+      *function = reinterpret_cast<std::remove_pointer_t<decltype(function)>>(dlsym(library, name));
+      all = all && *function != nullptr;
+    };
+    decltype(&curl_global_init) global_init = nullptr;
+    resolve(&global_init, "curl_global_init");
+    resolve(&curl->easy_init, "curl_easy_init");
+    resolve(&curl->easy_cleanup, "curl_easy_cleanup");
+    resolve(&curl->easy_setopt, "curl_easy_setopt");
+    resolve(&curl->easy_perform, "curl_easy_perform");
+    resolve(&curl->easy_getinfo, "curl_easy_getinfo");
+    resolve(&curl->easy_strerror, "curl_easy_strerror");
+    resolve(&curl->slist_append, "curl_slist_append");
+    resolve(&curl->slist_free_all, "curl_slist_free_all");
+    if (!all) {
+      curl->error = "libcurl.so.4 lacks a function this host needs";
+    } else if (global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
+      curl->error = "libcurl could not be initialized";
+    }
+    return curl;
+  }
+};
 
 constexpr int32_t kMethodGet = 1;
 constexpr int32_t kMethodPost = 2;
@@ -124,11 +177,13 @@ Outcome Failure(int32_t status, std::string error, std::string body = {}) {
 }
 
 Outcome Perform(const TransferPlan& plan, cp::ResponseCallback* callback) {
-  std::unique_ptr<CURL, void (*)(CURL*)> curl(curl_easy_init(), curl_easy_cleanup);
-  std::unique_ptr<curl_slist, void (*)(curl_slist*)> headers(nullptr, curl_slist_free_all);
+  const Curl& api = Curl::Get();
+  if (!api.error.empty()) return Failure(0, "cannot load libcurl: " + api.error);
+  std::unique_ptr<CURL, void (*)(CURL*)> curl(api.easy_init(), api.easy_cleanup);
+  std::unique_ptr<curl_slist, void (*)(curl_slist*)> headers(nullptr, api.slist_free_all);
   if (curl == nullptr) return Failure(0, "cannot start a transfer");
   for (const std::string& line : plan.header_lines) {
-    curl_slist* appended = curl_slist_append(headers.get(), line.c_str());
+    curl_slist* appended = api.slist_append(headers.get(), line.c_str());
     if (appended == nullptr) return Failure(0, "cannot start a transfer");
     headers.release();
     headers.reset(appended);
@@ -137,41 +192,40 @@ Outcome Perform(const TransferPlan& plan, cp::ResponseCallback* callback) {
   char error_text[CURL_ERROR_SIZE] = "";
   TransferState state{callback, {}, false, -1};
   CURL* handle = curl.get();
-  curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, error_text);
-  curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(handle, CURLOPT_URL, plan.url.c_str());
-  if (curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, kProtocols) != CURLE_OK ||
-      curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, kProtocols) != CURLE_OK) {
+  api.easy_setopt(handle, CURLOPT_ERRORBUFFER, error_text);
+  api.easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+  api.easy_setopt(handle, CURLOPT_URL, plan.url.c_str());
+  if (api.easy_setopt(handle, CURLOPT_PROTOCOLS_STR, kProtocols) != CURLE_OK ||
+      api.easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, kProtocols) != CURLE_OK) {
     return Failure(0, "cannot restrict the protocols");
   }
-  curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(handle, CURLOPT_MAXREDIRS, CurlHttpService::kMaxRedirects);
-  curl_easy_setopt(handle, CURLOPT_TIMEOUT, plan.timeout_seconds);
-  curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
+  api.easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 1L);
+  api.easy_setopt(handle, CURLOPT_MAXREDIRS, CurlHttpService::kMaxRedirects);
+  api.easy_setopt(handle, CURLOPT_TIMEOUT, plan.timeout_seconds);
+  api.easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
   if (plan.post) {
-    curl_easy_setopt(handle, CURLOPT_POST, 1L);
-    curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE,
-                     static_cast<curl_off_t>(plan.body.size()));
-    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, plan.body.data());
+    api.easy_setopt(handle, CURLOPT_POST, 1L);
+    api.easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(plan.body.size()));
+    api.easy_setopt(handle, CURLOPT_POSTFIELDS, plan.body.data());
   } else {
-    curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
+    api.easy_setopt(handle, CURLOPT_HTTPGET, 1L);
   }
-  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, CollectBody);
-  curl_easy_setopt(handle, CURLOPT_WRITEDATA, &state);
-  curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, ReportProgress);
-  curl_easy_setopt(handle, CURLOPT_XFERINFODATA, &state);
-  curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
+  api.easy_setopt(handle, CURLOPT_WRITEFUNCTION, CollectBody);
+  api.easy_setopt(handle, CURLOPT_WRITEDATA, &state);
+  api.easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, ReportProgress);
+  api.easy_setopt(handle, CURLOPT_XFERINFODATA, &state);
+  api.easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
 
-  const CURLcode code = curl_easy_perform(handle);
+  const CURLcode code = api.easy_perform(handle);
   if (state.too_large) {
     return Failure(0, "response body larger than " +
                           std::to_string(CurlHttpService::kMaxBodyBytes) + " bytes");
   }
   if (code != CURLE_OK) {
-    return Failure(0, error_text[0] != '\0' ? error_text : curl_easy_strerror(code));
+    return Failure(0, error_text[0] != '\0' ? error_text : api.easy_strerror(code));
   }
   long status = 0;
-  curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
+  api.easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
   if (status < 200 || status > 299) {
     return Failure(static_cast<int32_t>(status), "HTTP " + std::to_string(status),
                    std::move(state.body));
@@ -237,11 +291,7 @@ struct CurlHttpService::Workers {
   size_t in_flight = 0;       // guarded by mutex
 };
 
-CurlHttpService::CurlHttpService() : workers_(std::make_shared<Workers>()) {
-  // Once per process, before any transfer; never undone, as transfers may outlive a service.
-  static const CURLcode global_init = curl_global_init(CURL_GLOBAL_DEFAULT);
-  static_cast<void>(global_init);
-}
+CurlHttpService::CurlHttpService() : workers_(std::make_shared<Workers>()) {}
 
 CurlHttpService::~CurlHttpService() {
   // When the last reference goes from a callback, that worker is this thread: it is left to
