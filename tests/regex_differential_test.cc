@@ -37,10 +37,10 @@ std::string Printable(const std::u16string& text) {
 }
 
 // Units the texts are made of: letters, digits, space and line terminators, word and non-word
-// punctuation, NUL, backspace, non-ASCII letters and separators, and both halves of a surrogate
-// pair.
-const std::u16string kTextAlphabet =
-    std::u16string(u"abcA01 \n\r_-.]") + u'\0' + u"\b\u00E9\u2028\u00A0\U0001F600";
+// punctuation, NUL, backspace, non-ASCII letters, digits and separators, and both halves of a
+// surrogate pair.
+const std::u16string kTextAlphabet = std::u16string(u"abcA01 \n\r_-.]") + u'\0' +
+                                     u"\b\u00E9\u2028\u00A0\U0001F600\u0085\u3000\u0661";
 
 class PatternMaker {
  public:
@@ -87,9 +87,12 @@ class PatternMaker {
     if (Chance(8)) return Assertion(depth, loops);
     int quantifiers = Chance(35) ? 1 + Chance(20) : 0;  // a second one is stacked
     quantifiers = std::min(quantifiers, loops);
-    std::u16string out = Atom(depth, loops - quantifiers);
+    // A trailing '?' makes the quantifier lazy in ECMAScript but stacks another in POSIX.
+    const bool suffix = quantifiers > 0 && Chance(25) && (ecma_ || quantifiers < loops);
+    std::u16string out = Atom(depth, loops - quantifiers - (suffix && !ecma_));
     // Copies of a loop multiply the reference's work: counts on a loop stay small.
     for (int q = 0; q < quantifiers; ++q) out += Quantifier(/*small=*/loops < 2 || q > 0);
+    if (suffix) out += u"?";
     return out;
   }
 
@@ -123,7 +126,6 @@ class PatternMaker {
         [[fallthrough]];
       default: out = From<const char16_t*>({u"*", u"+", u"?"}); break;
     }
-    if (Chance(25)) out += u"?";  // lazy in ECMAScript, stacked in POSIX
     return out;
   }
 

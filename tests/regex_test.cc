@@ -292,6 +292,18 @@ TEST(Regex, SetMatchesLikeItsRulesInOrder) {
   EXPECT_EQ(RegexSet({}).FirstFullMatch(RegexSubject(u"")), RegexSet::kNoMatch);
 }
 
+// Rules that each fit the matcher but not together are still answered, in order.
+TEST(Regex, SetAnswersRulesTooLargeToShareAnExpression) {
+  const RegexSet set({u"x", u"(ab|cd){3000}", u"(ab|ce){3000}", u"(ab|cf){3000}", u"y"});
+  for (size_t i = 0; i < set.size(); ++i) EXPECT_TRUE(set.compiled(i)) << i;
+  EXPECT_EQ(set.FirstFullMatch(RegexSubject(u"x")), 0u);
+  EXPECT_EQ(set.FirstFullMatch(RegexSubject(Repeat(u"ab", 3000))), 1u);
+  EXPECT_EQ(set.FirstFullMatch(RegexSubject(Repeat(u"ce", 3000))), 2u);
+  EXPECT_EQ(set.FirstFullMatch(RegexSubject(Repeat(u"cf", 2999) + u"ab")), 3u);
+  EXPECT_EQ(set.FirstFullMatch(RegexSubject(u"y")), 4u);
+  EXPECT_EQ(set.FirstFullMatch(RegexSubject(Repeat(u"ab", 2999))), RegexSet::kNoMatch);
+}
+
 // One compiled expression, many threads: every thread gets the answers one thread gets.
 TEST(Regex, MatchesFromManyThreadsAtOnce) {
   const Regex search(u"\\b[a-z]+\\d?\\b", E);

@@ -17,7 +17,8 @@ constexpr size_t kJitStackSize = size_t{64} << 20;
 constexpr uint32_t kParensNestLimit = 2 * kMaxRegexPatternLength + 64;
 // Memory the interpreter may take for its backtracking frames, in KiB.
 constexpr uint32_t kHeapLimitKib = 256 * 1024;
-constexpr size_t kDfaWorkspaceInts = 4096;
+// Working space of the automaton matcher (POSIX searches), per thread.
+constexpr size_t kDfaWorkspaceInts = 16384;
 // Longest translated text compiled as one part of a RegexSet.
 constexpr size_t kMaxSetPartLength = 16384;
 

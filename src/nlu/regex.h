@@ -7,7 +7,9 @@
 // same patterns compile, and searches and whole matches give the same answers. So matching is
 // case-sensitive, \w and [[:alpha:]] are ASCII, a `.` matches one UTF-16 unit (ECMAScript: any
 // but \n \r U+2028 U+2029; POSIX: any but NUL), `$` holds only at the end of the text and `^`
-// only at its start. A POSIX search finds the leftmost, then longest, match.
+// only at its start. A POSIX search finds the leftmost, then longest, match; std::wregex may
+// report a shorter one there when repeats nest (it stops trying to leave a loop once any match
+// is found). Whole matches, the only POSIX answer the engine uses, agree.
 //
 // Deliberate differences: these patterns, which std::wregex accepts, do not compile here:
 //  - ECMAScript `^`, `\b` or `\B` inside a lookahead (std::wregex tests them against the

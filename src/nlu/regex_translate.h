@@ -22,9 +22,11 @@ struct TranslatedRegex {
 };
 
 // Translates `pattern`. Throws RegexError, with a reason, for every pattern the standard library
-// rejects, for patterns beyond kMaxRegexPatternLength or kMaxRegexNesting, and for the two
-// ECMAScript constructs whose standard behaviour PCRE2 cannot reproduce: `^`, `\b` or `\B`
-// inside a lookahead, and a back-reference to a group inside a lookahead it is not itself in.
+// rejects (including those over its kStdRegexStateLimit automaton states), for patterns beyond
+// kMaxRegexPatternLength or kMaxRegexNesting, and for the two ECMAScript constructs whose
+// standard behaviour PCRE2 cannot reproduce: `^`, `\b` or `\B` inside a lookahead, and a
+// back-reference to a group inside a lookahead it is not itself in. The result may still be too
+// large or too deeply nested for PCRE2 to compile; the caller reports that.
 TranslatedRegex TranslateRegex(std::u16string_view pattern, RegexGrammar grammar);
 
 }  // namespace rulenlu
