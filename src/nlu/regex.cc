@@ -1,189 +1,140 @@
 #include "nlu/regex.h"
 
-#include <algorithm>
-#include <bitset>
-#include <locale>
-#include <regex>
-#include <vector>
+#define PCRE2_CODE_UNIT_WIDTH 16
+#include <pcre2.h>
+
+#include <utility>
+
+#include "nlu/regex_translate.h"
 
 namespace rulenlu {
 namespace {
 
-// Index of the "]" that closes the bracket expression opening at `open`, read as `grammar`
-// reads it; pattern.size() when it does not close.
-size_t BracketEnd(std::u16string_view pattern, size_t open, RegexGrammar grammar) {
-  const bool ecma = grammar == RegexGrammar::kEcmaScript;
-  size_t i = open + 1;
-  if (i < pattern.size() && pattern[i] == u'^') ++i;
-  if (!ecma && i < pattern.size() && pattern[i] == u']') ++i;  // a leading ] is literal in POSIX
-  for (; i < pattern.size(); ++i) {
-    const char16_t c = pattern[i];
-    if (c == u']') return i;
-    if (c == u'\\' && ecma) {
-      ++i;
-    } else if (c == u'[' && i + 1 < pattern.size() &&
-               (pattern[i + 1] == u':' || pattern[i + 1] == u'=' || pattern[i + 1] == u'.')) {
-      // [:class:], [=equivalent=], [.collating.]: their "]" does not close the bracket.
-      const char16_t close[] = {pattern[i + 1], u']', u'\0'};
-      const size_t end = pattern.find(close, i + 2);
-      if (end == std::u16string_view::npos) return pattern.size();
-      i = end + 1;
-    }
-  }
-  return pattern.size();
+// The JIT's stack, per thread: the default 32 KiB fails legitimate matches over 10 k units.
+constexpr size_t kJitStackSize = size_t{64} << 20;
+// Groups nest up to kMaxRegexNesting deep and the translation wraps stacked quantifiers in
+// groups; the default limit (250) is too low for that. (PCRE2's parser stops near 600 anyway.)
+constexpr uint32_t kParensNestLimit = 2 * kMaxRegexPatternLength + 64;
+// Memory the interpreter may take for its backtracking frames, in KiB.
+constexpr uint32_t kHeapLimitKib = 256 * 1024;
+// Working space of the automaton matcher (POSIX searches), per thread.
+constexpr size_t kDfaWorkspaceInts = 16384;
+// Longest translated text compiled as one part of a RegexSet.
+constexpr size_t kMaxSetPartLength = 16384;
+
+struct CodeFree {
+  void operator()(pcre2_code* code) const { pcre2_code_free(code); }
+};
+using Code = std::unique_ptr<pcre2_code, CodeFree>;
+
+std::string PcreMessage(int code) {
+  PCRE2_UCHAR buffer[256];
+  const int length = pcre2_get_error_message(code, buffer, 256);
+  std::string message;
+  for (int i = 0; i < length; ++i) message += static_cast<char>(buffer[i] < 0x80 ? buffer[i] : '?');
+  return message;
 }
 
-// Deepest group nesting in `pattern`; escaped parentheses and bracket contents do not count.
-size_t GroupNesting(std::u16string_view pattern, RegexGrammar grammar) {
-  size_t depth = 0;
-  size_t deepest = 0;
-  for (size_t i = 0; i < pattern.size(); ++i) {
-    const char16_t c = pattern[i];
-    if (c == u'\\') {
-      ++i;
-    } else if (c == u'[') {
-      i = BracketEnd(pattern, i, grammar);
-    } else if (c == u'(') {
-      deepest = std::max(deepest, ++depth);
-    } else if (c == u')' && depth > 0) {
-      --depth;
-    }
-  }
-  return deepest;
+pcre2_compile_context* CompileContext() {
+  static pcre2_compile_context* const context = [] {
+    pcre2_compile_context* created = pcre2_compile_context_create(nullptr);
+    pcre2_set_parens_nest_limit(created, kParensNestLimit);
+    return created;
+  }();
+  return context;
 }
 
-// The standard regex traits for wchar_t consult the locale's facets on every classification
-// (each \b asks for the "w" class by name, each bracket for a collation key): most of the time
-// spent matching. These traits answer for ASCII units from tables filled once with the standard
-// traits' own answers in the classic locale, with which every expression is imbued, and defer to
-// them for everything else, so matching is unchanged.
-class ClassicTraits : public std::regex_traits<wchar_t> {
-  using Base = std::regex_traits<wchar_t>;
+// Compiles a translated pattern; JIT-compiles it when `jit`.
+Code Compile(const std::string& pcre, bool jit) {
+  const std::u16string units(pcre.begin(), pcre.end());
+  int error = 0;
+  PCRE2_SIZE offset = 0;
+  Code code(pcre2_compile(reinterpret_cast<PCRE2_SPTR>(units.data()), units.size(), 0, &error,
+                          &offset, CompileContext()));
+  if (code == nullptr) {
+    throw RegexError("not supported: the pattern is too large or complex for the matcher (" +
+                     PcreMessage(error) + ")");
+  }
+  // Without the JIT (no memory for it, say) the interpreter still matches, only slower.
+  if (jit) pcre2_jit_compile(code.get(), PCRE2_JIT_COMPLETE);
+  return code;
+}
 
+// Each thread's match resources, made once: nothing is allocated per match.
+class MatchResources {
  public:
-  template <typename It>
-  char_class_type lookup_classname(It first, It last, bool icase = false) const {
-    if (last - first == 1) {
-      for (const ClassTable& table : Tables().classes) {
-        if (table.name == *first && table.icase == icase) return table.mask;
-      }
-    }
-    return Base::lookup_classname(first, last, icase);
+  MatchResources()
+      : data_(pcre2_match_data_create(1, nullptr)),
+        context_(pcre2_match_context_create(nullptr)),
+        stack_(pcre2_jit_stack_create(32 * 1024, kJitStackSize, nullptr)),
+        workspace_(kDfaWorkspaceInts) {
+    if (data_ == nullptr || context_ == nullptr) throw RegexError("no memory to match");
+    if (stack_ != nullptr) pcre2_jit_stack_assign(context_, nullptr, stack_);
+    pcre2_set_heap_limit(context_, kHeapLimitKib);
+  }
+  ~MatchResources() {
+    pcre2_jit_stack_free(stack_);
+    pcre2_match_context_free(context_);
+    pcre2_match_data_free(data_);
+  }
+  MatchResources(const MatchResources&) = delete;
+  MatchResources& operator=(const MatchResources&) = delete;
+
+  static MatchResources& ForThisThread() {
+    thread_local MatchResources resources;
+    return resources;
   }
 
-  bool isctype(wchar_t unit, char_class_type mask) const {
-    if (static_cast<unsigned long>(unit) < kTableSize) {
-      for (const ClassTable& table : Tables().classes) {
-        if (table.mask == mask) return table.members[static_cast<size_t>(unit)];
-      }
-    }
-    return Base::isctype(unit, mask);
+  // Matches `code` against `subject` from `from`; true when it matches. With `longest`, the
+  // leftmost-longest match (automaton matcher). Throws RegexError beyond the bounds.
+  bool Run(const pcre2_code* code, const std::u16string& subject, size_t from, bool longest) {
+    const uint64_t steps = kRegexStepBase + kRegexStepsPerUnit * subject.size();
+    const uint32_t limit = steps > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(steps);
+    pcre2_set_match_limit(context_, limit);
+    pcre2_set_depth_limit(context_, limit);
+    const auto* units = reinterpret_cast<PCRE2_SPTR>(subject.data());
+    const int rc = longest ? pcre2_dfa_match(code, units, subject.size(), from, 0, data_, context_,
+                                             workspace_.data(), workspace_.size())
+                           : pcre2_match(code, units, subject.size(), from, 0, data_, context_);
+    if (rc >= 0) return true;  // 0: more matches than the data holds, the first one is kept
+    if (rc == PCRE2_ERROR_NOMATCH) return false;
+    throw RegexError("match abandoned: " + PcreMessage(rc));
   }
 
-  template <typename It>
-  string_type transform_primary(It first, It last) const {
-    if (last - first == 1 && static_cast<unsigned long>(*first) < kTableSize) {
-      return Tables().primary[static_cast<size_t>(*first)];
-    }
-    return Base::transform_primary(first, last);
+  size_t start() const { return pcre2_get_ovector_pointer(data_)[0]; }
+  size_t end() const { return pcre2_get_ovector_pointer(data_)[1]; }
+  // The (*MARK) name on the matching path, as a number; SIZE_MAX when there is none.
+  size_t MarkNumber() const {
+    PCRE2_SPTR mark = pcre2_get_mark(data_);
+    if (mark == nullptr) return SIZE_MAX;
+    size_t number = 0;
+    for (; *mark != 0; ++mark) number = number * 10 + (*mark - u'0');
+    return number;
   }
 
  private:
-  static constexpr size_t kTableSize = 128;
-
-  struct ClassTable {
-    wchar_t name;  // L'\0' for the empty class
-    bool icase;
-    char_class_type mask;
-    std::bitset<kTableSize> members;
-  };
-  struct TableSet {
-    std::vector<ClassTable> classes;
-    string_type primary[kTableSize];
-  };
-
-  static const TableSet& Tables() {
-    static const TableSet* const tables = [] {
-      auto* built = new TableSet;  // never destroyed: expressions may be used during exit
-      Base standard;
-      standard.imbue(std::locale::classic());
-      auto add = [&](wchar_t name, bool icase, char_class_type mask) {
-        ClassTable table{name, icase, mask, {}};
-        for (size_t unit = 0; unit < kTableSize; ++unit) {
-          table.members[unit] = standard.isctype(static_cast<wchar_t>(unit), mask);
-        }
-        built->classes.push_back(table);
-      };
-      add(L'\0', false, char_class_type());
-      for (const wchar_t name : {L'w', L'd', L's'}) {
-        for (const bool icase : {false, true}) {
-          add(name, icase, standard.lookup_classname(&name, &name + 1, icase));
-        }
-      }
-      for (size_t unit = 0; unit < kTableSize; ++unit) {
-        const wchar_t ch = static_cast<wchar_t>(unit);
-        built->primary[unit] = standard.transform_primary(&ch, &ch + 1);
-      }
-      return built;
-    }();
-    return *tables;
-  }
+  pcre2_match_data* data_;
+  pcre2_match_context* context_;
+  pcre2_jit_stack* stack_;
+  std::vector<int> workspace_;
 };
 
-using ClassicRegex = std::basic_regex<wchar_t, ClassicTraits>;
+std::string Whole(const std::string& pcre) { return "\\A(?:" + pcre + ")\\z"; }
 
 }  // namespace
 
 struct Regex::Impl {
-  ClassicRegex regex;          // backtracking: recurses for every unit it consumes
-  ClassicRegex breadth_first;  // extended grammar only: no recursion per unit, but slower
-  size_t max_backtracking;     // longest text the backtracking form may take
-  bool has_breadth_first = false;
+  RegexGrammar grammar;
+  Code search;  // unanchored; POSIX runs it with the automaton matcher (leftmost-longest)
+  Code whole;   // anchored at both ends
 };
 
-namespace {
-
-void CheckSubject(const RegexSubject& subject, size_t max_subject) {
-  if (subject.size() > max_subject) {
-    throw RegexError("text longer than " + std::to_string(max_subject) +
-                     " units cannot be matched by this expression");
-  }
-}
-
-}  // namespace
-
-void RegexSubject::Assign(std::u16string_view text) { units_.assign(text.begin(), text.end()); }
-
 Regex::Regex(std::u16string_view pattern, RegexGrammar grammar) {
-  if (pattern.size() > kMaxRegexPatternLength) {
-    throw RegexError("pattern longer than " + std::to_string(kMaxRegexPatternLength) + " units");
-  }
-  const size_t nesting = GroupNesting(pattern, grammar);
-  if (nesting > kMaxRegexNesting) {
-    throw RegexError("groups nested more than " + std::to_string(kMaxRegexNesting) + " deep");
-  }
-  // A backtracking match recurses for every unit it consumes, the deeper the more groups
-  // enclose it: it takes only texts short enough for the stack. A whole match of an extended
-  // expression (which has no back-references) can also run breadth-first, which does not
-  // recurse per unit but is slower: that form takes the longer texts, of any length.
-  const bool ecma = grammar == RegexGrammar::kEcmaScript;
+  const TranslatedRegex translated = TranslateRegex(pattern, grammar);
   impl_ = std::make_unique<Impl>();
-  impl_->max_backtracking = std::min(kMaxRegexSubjectLength, kMaxRegexSearchWork / (nesting + 1));
-  const std::wstring units(pattern.begin(), pattern.end());
-  try {
-    // Classic rules whatever locale the host makes global.
-    impl_->regex.imbue(std::locale::classic());
-    impl_->regex.assign(units,
-                        ecma ? std::regex_constants::ECMAScript : std::regex_constants::extended);
-    if (!ecma) {
-      impl_->breadth_first.imbue(std::locale::classic());
-      impl_->breadth_first.assign(
-          units, std::regex_constants::extended | std::regex_constants::__polynomial);
-      impl_->has_breadth_first = true;
-    }
-  } catch (const std::regex_error& e) {
-    throw RegexError(e.what());
-  }
+  impl_->grammar = grammar;
+  impl_->search = Compile(translated.pcre, grammar == RegexGrammar::kEcmaScript);
+  impl_->whole = Compile(Whole(translated.pcre), true);
 }
 
 Regex::~Regex() = default;
@@ -191,32 +142,84 @@ Regex::Regex(Regex&&) noexcept = default;
 Regex& Regex::operator=(Regex&&) noexcept = default;
 
 bool Regex::Search(const RegexSubject& subject, size_t from, RegexMatch* match) const {
-  CheckSubject(subject, impl_->max_backtracking);
-  const std::wstring& units = subject.units_;
-  if (from > units.size()) return false;
-  auto flags = std::regex_constants::match_default;
-  if (from > 0) flags |= std::regex_constants::match_prev_avail;
-  std::wsmatch found;
-  try {
-    if (!std::regex_search(units.begin() + from, units.end(), found, impl_->regex, flags)) {
-      return false;
-    }
-  } catch (const std::regex_error& e) {
-    throw RegexError(e.what());
+  if (from > subject.size()) return false;
+  MatchResources& resources = MatchResources::ForThisThread();
+  if (!resources.Run(impl_->search.get(), subject.units_, from,
+                     impl_->grammar == RegexGrammar::kPosixExtended)) {
+    return false;
   }
-  match->start = static_cast<size_t>(found[0].first - units.begin());
-  match->length = static_cast<size_t>(found[0].length());
+  match->start = resources.start();
+  match->length = resources.end() - resources.start();
   return true;
 }
 
 bool Regex::FullMatch(const RegexSubject& subject) const {
-  const bool backtrack = subject.size() <= impl_->max_backtracking;
-  if (!impl_->has_breadth_first) CheckSubject(subject, impl_->max_backtracking);
-  try {
-    return std::regex_match(subject.units_, backtrack ? impl_->regex : impl_->breadth_first);
-  } catch (const std::regex_error& e) {
-    throw RegexError(e.what());
+  return MatchResources::ForThisThread().Run(impl_->whole.get(), subject.units_, 0, false);
+}
+
+struct RegexSet::Impl {
+  std::vector<std::string> errors;  // per rule; empty when it compiled
+  std::vector<Code> parts;          // in rule order; each marks the rule that matched
+};
+
+RegexSet::RegexSet(const std::vector<std::u16string>& patterns) : impl_(std::make_unique<Impl>()) {
+  impl_->errors.resize(patterns.size());
+  std::vector<std::string> marked(patterns.size());  // empty for rules that did not compile
+  for (size_t i = 0; i < patterns.size(); ++i) {
+    try {
+      const TranslatedRegex translated = TranslateRegex(patterns[i], RegexGrammar::kPosixExtended);
+      // Compiling it alone tells whether it fits the matcher; kept only if its part does not.
+      Compile(Whole(translated.pcre), false);
+      marked[i] = "(?:" + translated.pcre + ")\\z(*MARK:" + std::to_string(i) + ")";
+    } catch (const RegexError& e) {
+      impl_->errors[i] = e.what();
+    }
   }
+  // Consecutive rules share a part up to a length; a part too large for the matcher is
+  // compiled rule by rule instead.
+  auto compile_part = [&](size_t first, size_t last) {
+    std::string alternation;
+    for (size_t i = first; i < last; ++i) {
+      if (marked[i].empty()) continue;
+      if (!alternation.empty()) alternation += "|";
+      alternation += marked[i];
+    }
+    if (alternation.empty()) return;
+    try {
+      impl_->parts.push_back(Compile("\\A(?:" + alternation + ")", true));
+    } catch (const RegexError&) {
+      for (size_t i = first; i < last; ++i) {
+        if (!marked[i].empty()) impl_->parts.push_back(Compile("\\A" + marked[i], true));
+      }
+    }
+  };
+  size_t first = 0;
+  size_t length = 0;
+  for (size_t i = 0; i < patterns.size(); ++i) {
+    if (length > 0 && length + marked[i].size() > kMaxSetPartLength) {
+      compile_part(first, i);
+      first = i;
+      length = 0;
+    }
+    length += marked[i].size();
+  }
+  compile_part(first, patterns.size());
+}
+
+RegexSet::~RegexSet() = default;
+RegexSet::RegexSet(RegexSet&&) noexcept = default;
+RegexSet& RegexSet::operator=(RegexSet&&) noexcept = default;
+
+size_t RegexSet::size() const { return impl_->errors.size(); }
+bool RegexSet::compiled(size_t index) const { return impl_->errors.at(index).empty(); }
+const std::string& RegexSet::error(size_t index) const { return impl_->errors.at(index); }
+
+size_t RegexSet::FirstFullMatch(const RegexSubject& subject) const {
+  MatchResources& resources = MatchResources::ForThisThread();
+  for (const Code& part : impl_->parts) {
+    if (resources.Run(part.get(), subject.units_, 0, false)) return resources.MarkNumber();
+  }
+  return kNoMatch;
 }
 
 }  // namespace rulenlu

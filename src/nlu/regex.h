@@ -2,25 +2,42 @@
 // the engine uses.
 //
 // Two grammars: ECMAScript (regex vocabularies; searched) and POSIX extended (intent rules;
-// matched against the whole text). Matching is case-sensitive and uses the classic "C" rules
-// whatever the host's global locale: \w and [[:alpha:]] are ASCII. A `.` matches one UTF-16 unit.
+// matched against the whole text). A pattern means what std::wregex makes of it in the GNU
+// standard library 12, strict ISO C++17, classic "C" locale, one UTF-16 unit per element: the
+// same patterns compile, and searches and whole matches give the same answers. So matching is
+// case-sensitive, \w and [[:alpha:]] are ASCII, a `.` matches one UTF-16 unit (ECMAScript: any
+// but \n \r U+2028 U+2029; POSIX: any but NUL), `$` holds only at the end of the text and `^`
+// only at its start. A POSIX search finds the leftmost, then longest, match; std::wregex may
+// report a shorter one there when repeats nest (it stops trying to leave a loop once any match
+// is found). Whole matches, the only POSIX answer the engine uses, agree.
 //
-// Bounds, so that neither a configuration nor a query can exhaust the stack (the standard
-// library's matcher recurses; the worst case allowed needs about 4 MB of stack):
-//  - a pattern may be at most kMaxRegexPatternLength units long and nest groups at most
-//    kMaxRegexNesting deep, else it does not compile;
-//  - an ECMAScript expression whose groups nest n deep takes texts of at most
-//    min(kMaxRegexSubjectLength, kMaxRegexSearchWork / (n + 1)) units; matching a longer text
-//    throws RegexError. A POSIX whole match takes texts of any length.
+// Deliberate differences: these patterns, which std::wregex accepts, do not compile here:
+//  - ECMAScript `^`, `\b` or `\B` inside a lookahead (std::wregex tests them against the
+//    lookahead's own start on a search's first attempt from offset 0 and on whole matches);
+//  - a back-reference to a group inside a lookahead that does not also contain the reference
+//    (std::wregex keeps that group's text even after the lookahead has failed);
+//  - a pattern too large or too deeply nested for the matcher once translated (large counts of
+//    repeated groups, e.g. (a?){13000}; hundreds of stacked quantifiers, e.g. a*****...);
+//  - a pattern longer than kMaxRegexPatternLength units or nesting groups deeper than
+//    kMaxRegexNesting.
+// Their RegexError reason starts with "not supported" (or names the bound).
 //
-// A compiled Regex is immutable and may be used from any number of threads at once.
+// Bounds instead of refusals: texts of any length are matched. Each match attempt at one start
+// position may take at most kRegexStepBase + kRegexStepsPerUnit * (text length) backtracking
+// steps, and runs on a fixed per-thread stack; beyond that the match throws RegexError rather
+// than hang or overflow. A search makes one attempt per start position, so its work is at most
+// that times the number of positions.
+//
+// A compiled Regex or RegexSet is immutable and may be used from any number of threads at once.
 #ifndef RULENLU_NLU_REGEX_H_
 #define RULENLU_NLU_REGEX_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/error.h"
 
@@ -30,8 +47,10 @@ enum class RegexGrammar { kEcmaScript, kPosixExtended };
 
 inline constexpr size_t kMaxRegexPatternLength = 4096;
 inline constexpr size_t kMaxRegexNesting = 256;
+inline constexpr uint64_t kRegexStepBase = 100000;
+inline constexpr uint64_t kRegexStepsPerUnit = 4;
+// Longest query the tagger takes; no longer a bound of matching itself.
 inline constexpr size_t kMaxRegexSubjectLength = 2048;
-inline constexpr size_t kMaxRegexSearchWork = 2048;
 
 // Raised when a pattern does not compile or a match cannot be carried out.
 class RegexError : public Error {
@@ -44,12 +63,13 @@ class RegexSubject {
  public:
   RegexSubject() = default;
   explicit RegexSubject(std::u16string_view text) { Assign(text); }
-  void Assign(std::u16string_view text);
+  void Assign(std::u16string_view text) { units_.assign(text.begin(), text.end()); }
   size_t size() const { return units_.size(); }
 
  private:
   friend class Regex;
-  std::wstring units_;  // one UTF-16 unit per element
+  friend class RegexSet;
+  std::u16string units_;
 };
 
 struct RegexMatch {
@@ -59,7 +79,7 @@ struct RegexMatch {
 
 class Regex {
  public:
-  // Compiles `pattern`. Throws RegexError, with the library's reason, if it does not compile.
+  // Compiles `pattern`. Throws RegexError, with a reason, if it does not compile.
   Regex(std::u16string_view pattern, RegexGrammar grammar);
   ~Regex();
   Regex(Regex&&) noexcept;
@@ -67,11 +87,40 @@ class Regex {
 
   // Finds the first match in `subject` that starts at or after `from`. The whole subject stays
   // the context: `^` matches only at offset 0, and `\b` sees the unit before `from`.
-  // Returns false when there is none. Throws RegexError when the match cannot be carried out.
+  // Returns false when there is none. Throws RegexError when the match exceeds its bounds.
   bool Search(const RegexSubject& subject, size_t from, RegexMatch* match) const;
 
   // True when the pattern matches the whole of `subject`. Throws RegexError like Search.
   bool FullMatch(const RegexSubject& subject) const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// Many POSIX-extended patterns (rules) answered together: which is the first rule, in the
+// given order, that matches a whole text. Each rule compiles or not exactly as a Regex of its
+// own would; rules that do not compile take no part in matching and keep their reason.
+class RegexSet {
+ public:
+  static constexpr size_t kNoMatch = SIZE_MAX;
+
+  explicit RegexSet(const std::vector<std::u16string>& patterns);
+  ~RegexSet();
+  RegexSet(RegexSet&&) noexcept;
+  RegexSet& operator=(RegexSet&&) noexcept;
+
+  size_t size() const;
+  // Whether rule `index` compiled; if not, why (empty when it did).
+  bool compiled(size_t index) const;
+  const std::string& error(size_t index) const;
+
+  // The lowest index of a compiled rule that matches the whole of `subject`, or kNoMatch.
+  // Throws RegexError when the match exceeds its bounds (as a Regex would).
+  size_t FirstFullMatch(const RegexSubject& subject) const;
+  bool AnyFullMatch(const RegexSubject& subject) const {
+    return FirstFullMatch(subject) != kNoMatch;
+  }
 
  private:
   struct Impl;

@@ -1,0 +1,34 @@
+// Reads a pattern exactly as the standard library's std::wregex compiler does (libstdc++ 12,
+// strict ISO mode, classic "C" rules, one UTF-16 unit per element) and writes the same
+// expression in PCRE2's syntax for its 16-bit library without UTF: explicit classes, \A and \z
+// anchors, \x{h} escapes, no option-dependent construct. Internal to the regex backend.
+#ifndef RULENLU_NLU_REGEX_TRANSLATE_H_
+#define RULENLU_NLU_REGEX_TRANSLATE_H_
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "nlu/regex.h"
+
+namespace rulenlu {
+
+// NFA states the standard library allows in one compiled expression.
+inline constexpr size_t kStdRegexStateLimit = 100000;
+
+struct TranslatedRegex {
+  std::string pcre;          // ASCII PCRE2 pattern, unanchored; matches what `pattern` matches
+  size_t capture_count = 0;  // capturing groups kept in `pcre` (only back-referenced ones)
+};
+
+// Translates `pattern`. Throws RegexError, with a reason, for every pattern the standard library
+// rejects (including those over its kStdRegexStateLimit automaton states), for patterns beyond
+// kMaxRegexPatternLength or kMaxRegexNesting, and for the two ECMAScript constructs whose
+// standard behaviour PCRE2 cannot reproduce: `^`, `\b` or `\B` inside a lookahead, and a
+// back-reference to a group inside a lookahead it is not itself in. The result may still be too
+// large or too deeply nested for PCRE2 to compile; the caller reports that.
+TranslatedRegex TranslateRegex(std::u16string_view pattern, RegexGrammar grammar);
+
+}  // namespace rulenlu
+
+#endif  // RULENLU_NLU_REGEX_TRANSLATE_H_
