@@ -128,27 +128,26 @@ RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
 
   intents_.reserve(intent_map.size());
   for (const auto& [name, config] : intent_map) {
-    Intent& intent = intents_.emplace_back();
-    intent.name = name;
-    intent.accepts.assign(KeyWords(markers_.size()), 0);
+    std::vector<uint64_t> accepts(KeyWords(markers_.size()), 0);
     for (const auto& slot : config.slots) {
       const uint32_t key = key_index.at(slot.second);
-      intent.accepts[key / 64] |= uint64_t{1} << (key % 64);
+      accepts[key / 64] |= uint64_t{1} << (key % 64);
     }
-    intent.rules.reserve(config.regexRules.size());
-    for (const std::u16string& rule : config.regexRules) {
-      Rule& compiled = intent.rules.emplace_back();
-      try {
-        compiled.regex.emplace(rule, RegexGrammar::kPosixExtended);
-      } catch (const RegexError& e) {
-        compiled.error = e.what();  // reported only when a query tries the rule
-      }
+    RegexSet all(config.regexRules);
+    size_t first_broken = 0;
+    while (first_broken < all.size() && all.compiled(first_broken)) ++first_broken;
+    if (first_broken == all.size()) {
+      intents_.push_back(Intent{name, std::move(accepts), std::move(all), std::string()});
+      continue;
     }
-    intent.first_broken =
-        static_cast<size_t>(std::find_if(intent.rules.begin(), intent.rules.end(),
-                                         [](const Rule& rule) { return !rule.regex.has_value(); }) -
-                            intent.rules.begin());
-    any_broken_rule_ = any_broken_rule_ || intent.first_broken < intent.rules.size();
+    // The rule that did not compile is reported only when a query reaches it; the rules after
+    // it are never reached.
+    std::string broken = all.error(first_broken);
+    if (broken.empty()) broken = "a rule does not compile";
+    RegexSet before(std::vector<std::u16string>(config.regexRules.begin(),
+                                                config.regexRules.begin() + first_broken));
+    intents_.push_back(Intent{name, std::move(accepts), std::move(before), std::move(broken)});
+    any_broken_rule_ = true;
   }
 
   vocab_keys_.reserve(vocab_names_.size());
@@ -228,6 +227,13 @@ void RegexParser::Rewrite(const std::u16string& query, const PreparedTags& tags,
   if (pos < query.size()) rewritten->append(query, pos);
 }
 
+std::optional<size_t> RegexParser::MatchingRule(const Intent& intent, const RegexSubject& subject) {
+  const size_t rule = intent.rules.FirstFullMatch(subject);
+  if (rule != RegexSet::kNoMatch) return rule;
+  if (!intent.broken.empty()) throw RegexError(intent.broken);
+  return std::nullopt;
+}
+
 IntentCandidate RegexParser::MakeCandidate(const std::u16string& query, const Intent& intent,
                                            const PreparedTags& tags, size_t c) const {
   IntentCandidate candidate;
@@ -241,21 +247,6 @@ IntentCandidate RegexParser::MakeCandidate(const std::u16string& query, const In
   }
   return candidate;
 }
-
-namespace {
-
-// True when one of `rules` before `end` matches the whole `subject`; throws for a rule that
-// did not compile once it is reached.
-template <typename Rules>
-bool AnyRuleMatches(const Rules& rules, size_t end, const RegexSubject& subject) {
-  for (size_t r = 0; r < end; ++r) {
-    if (!rules[r].regex.has_value()) throw RegexError(rules[r].error);
-    if (rules[r].regex->FullMatch(subject)) return true;
-  }
-  return false;
-}
-
-}  // namespace
 
 std::vector<IntentCandidate> RegexParser::ParseAll(const std::u16string& query,
                                                    std::vector<QueryTag> tags) const {
@@ -274,7 +265,7 @@ std::vector<IntentCandidate> RegexParser::ParseAll(const std::u16string& query,
         subject.Assign(rewritten);
         built = true;
       }
-      if (AnyRuleMatches(intent.rules, intent.rules.size(), subject)) {
+      if (MatchingRule(intent, subject).has_value()) {
         candidates.push_back(MakeCandidate(query, intent, prepared, c));
       }
     }
@@ -304,10 +295,7 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
           subject.Assign(rewritten);
           built = true;
         }
-        if (intent.first_broken < intent.rules.size() &&
-            !AnyRuleMatches(intent.rules, intent.first_broken, subject)) {
-          throw RegexError(intent.rules[intent.first_broken].error);
-        }
+        if (!intent.broken.empty()) MatchingRule(intent, subject);
       }
     }
   }
@@ -335,7 +323,7 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
         subject.Assign(rewritten);
         built = true;
       }
-      if (AnyRuleMatches(intent.rules, intent.rules.size(), subject)) {
+      if (MatchingRule(intent, subject).has_value()) {
         return MakeCandidate(query, intent, prepared, c);
       }
     }

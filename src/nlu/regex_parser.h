@@ -58,18 +58,19 @@ class RegexParser {
                                        std::vector<QueryTag> tags) const;
 
  private:
-  // A rule as built: compiled, or the reason it did not compile.
-  struct Rule {
-    std::optional<Regex> regex;
-    std::string error;
-  };
   // What Parse needs of an intent, in name order.
   struct Intent {
     std::string name;
     std::vector<uint64_t> accepts;  // bit set of the named keys it accepts
-    std::vector<Rule> rules;
-    size_t first_broken;  // index of the first rule that did not compile; rules.size() if none
+    // The rules before the first one that did not compile, matched together; the reason of
+    // that one, which fails every query that reaches it (empty when all compiled).
+    RegexSet rules;
+    std::string broken;
   };
+
+  // The first of `intent`'s rules that matches the whole of `subject`, or nothing; throws
+  // RegexError when none before the first rule that did not compile matches.
+  static std::optional<size_t> MatchingRule(const Intent& intent, const RegexSubject& subject);
 
   struct PreparedTags;
 
