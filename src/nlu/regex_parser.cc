@@ -48,16 +48,23 @@ Combinations BuildCombinations(const std::vector<QueryTag>& tags,
   for (uint32_t i = 0; i < tags.size(); ++i) {
     if (i == 0 || classes[i] != classes[i - 1]) generation.Add(nullptr, nullptr, i);
   }
+  const uint32_t roots = static_cast<uint32_t>(generation.size());
   Combinations all = generation;
+  // Every combination past the first generation extends one of the previous generation; the
+  // extensions of combination c are all[children[c].first, children[c].second).
+  std::vector<std::pair<uint32_t, uint32_t>> children(all.size());
+  size_t generation_start = 0;
   while (all.size() < limit) {
     // Generations come out in order: parents in order, each extended by ascending classes.
     Combinations next;
     bool extended = false;
+    const uint32_t next_start = static_cast<uint32_t>(all.size());
     for (size_t p = 0; p < generation.size(); ++p) {
       const QueryTag& last = tags[*(generation.end(p) - 1)];
       // Unsigned on purpose: a tag of length 0 at offset 0 lets nothing follow it.
       const uint32_t last_unit =
           static_cast<uint32_t>(last.start) + static_cast<uint32_t>(last.length) - 1u;
+      const uint32_t first = next_start + static_cast<uint32_t>(next.size());
       uint32_t added_class = kNoKey;
       for (uint32_t i = 0; i < tags.size(); ++i) {
         if (static_cast<uint32_t>(tags[i].start) <= last_unit) continue;
@@ -67,6 +74,7 @@ Combinations BuildCombinations(const std::vector<QueryTag>& tags,
         added_class = classes[i];
         next.Add(generation.begin(p), generation.end(p), i);
       }
+      children[generation_start + p] = {first, next_start + static_cast<uint32_t>(next.size())};
       // Crossing the limit also ends the growth: the loop condition fails from here on.
       if (all.size() + next.size() > limit) break;
     }
@@ -75,23 +83,28 @@ Combinations BuildCombinations(const std::vector<QueryTag>& tags,
       all.offsets.push_back(
           static_cast<uint32_t>(all.offsets.back() + next.offsets[c] - next.offsets[c - 1]));
     }
+    children.resize(all.size());
+    generation_start = next_start;
     generation = std::move(next);
     if (!extended) break;
   }
 
-  std::vector<uint32_t> order(all.size());
-  for (uint32_t c = 0; c < order.size(); ++c) order[c] = c;
-  std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
-    return std::lexicographical_compare(
-        all.begin(a), all.end(a), all.begin(b), all.end(b),
-        [&](uint32_t x, uint32_t y) { return classes[x] < classes[y]; });
-  });
+  // Ordered by classes, a prefix first: each combination followed by its extensions' subtrees,
+  // which the generations made in order already.
   Combinations sorted;
   sorted.tags.reserve(all.tags.size());
   sorted.offsets.reserve(all.offsets.size());
-  for (uint32_t c : order) {
+  std::vector<std::pair<uint32_t, uint32_t>> pending = {{0, roots}};  // sibling ranges to visit
+  while (!pending.empty()) {
+    std::pair<uint32_t, uint32_t>& siblings = pending.back();
+    if (siblings.first == siblings.second) {
+      pending.pop_back();
+      continue;
+    }
+    const uint32_t c = siblings.first++;
     sorted.tags.insert(sorted.tags.end(), all.begin(c), all.end(c));
     sorted.offsets.push_back(static_cast<uint32_t>(sorted.tags.size()));
+    if (children[c].first < children[c].second) pending.push_back(children[c]);
   }
   return sorted;
 }
@@ -302,19 +315,24 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
 
   // Candidates in rank order: most covered units, then fewest slots, then the order in which
   // the exhaustive search finds them (combination order, then intent order).
-  std::vector<std::pair<CandidateScore, uint32_t>> order;
+  // A heap, as the search usually stops after a few; the score's index breaks ties.
+  std::vector<CandidateScore> order;
   order.reserve(combinations.size());
   for (uint32_t c = 0; c < combinations.size(); ++c) {
     uint32_t total = 0;
     for (const uint32_t* t = combinations.begin(c); t != combinations.end(c); ++t) {
       total += static_cast<uint32_t>(prepared.tags[*t].length);
     }
-    order.emplace_back(Ranker::Score(combinations.length(c), total, static_cast<int32_t>(c)), c);
+    order.push_back(Ranker::Score(combinations.length(c), total, static_cast<int32_t>(c)));
   }
-  std::stable_sort(order.begin(), order.end(), [](const auto& a, const auto& b) {
-    return Ranker::RanksBefore(a.first, b.first);
-  });
-  for (const auto& [score, c] : order) {
+  const auto after = [](const CandidateScore& a, const CandidateScore& b) {
+    return Ranker::RanksBefore(b, a) || (!Ranker::RanksBefore(a, b) && a.index > b.index);
+  };
+  std::make_heap(order.begin(), order.end(), after);
+  while (!order.empty()) {
+    std::pop_heap(order.begin(), order.end(), after);
+    const auto c = static_cast<uint32_t>(order.back().index);
+    order.pop_back();
     bool built = false;
     for (const Intent& intent : intents_) {
       if (!Accepts(intent, prepared, c)) continue;
