@@ -93,5 +93,145 @@ TEST(TestCommand, ExitsWithTwoWhenItCannotRun) {
   }
 }
 
+// The findings of `rulenlu check` without the file name, each line as "LINE:COLUMN: ...".
+struct CheckRun {
+  int exit_code;
+  std::vector<std::string> lines;
+};
+
+CheckRun Check(const std::string& document) {
+  const std::string path = WriteScratch("config.json", document);
+  const ProcessResult result = RunProcess({kCli, "check", "--config", path});
+  CheckRun run{result.exit_code, {}};
+  for (size_t begin = 0, end; (end = result.out.find('\n', begin)) != std::string::npos;
+       begin = end + 1) {
+    std::string line = result.out.substr(begin, end - begin);
+    if (line.rfind(path + ":", 0) == 0) line.erase(0, path.size() + 1);
+    run.lines.push_back(line);
+  }
+  return run;
+}
+
+TEST(CheckCommand, ReportsEachFindingAtItsValue) {
+  const struct {
+    const char* document;
+    std::vector<std::string> findings;  // then the summary line
+  } kCases[] = {
+      {"{\"version\": 1,\n  \"vocabMap\": {\"a\": [\"x\",]}}",
+       {"2:26: error: JSON does not parse: Invalid value.", "1 error, 0 warnings"}},
+      {"[1]",
+       {"1:1: error: the document is not a JSON object: the engine rejects it",
+        "1 error, 0 warnings"}},
+      {R"({"regexVocabMap": {"t": ["([0-9]"]}, "intentMap": {"i": {"slots": [{"tag": "t"}], "regexRules": ["<t>"]}}})",
+       {"1:26: error: pattern 1 of regex vocabulary \"t\" does not compile (Mismatched '(' and "
+        "')' in regular expression): the engine does not start",
+        "1 error, 0 warnings"}},
+      {R"({"vocabMap": {"v": ["x"]}, "intentMap": {"i": {"slots": [{"tag": "v"}], "regexRules": ["<v>(", "<v>"]}}})",
+       {"1:88: error: rule 1 of intent \"i\" does not compile (Mismatched '(' and ')' in "
+        "regular expression): every query that reaches it fails",
+        "1 error, 0 warnings"}},
+      {"{\"variableEntrys\": [{\"key\": \"a\", \"value\": \"${b}x\"}, {\"key\": \"b\", \"value\": "
+       "\"y\"}],\n \"regexVocabMap\": {\"t\": [\"${a}\", \"${zz}\"]}, \"intentMap\": {\"i\": "
+       "{\"slots\": [{\"tag\": \"t\"}], \"regexRules\": [\"<t>\"]}}}",
+       {"1:43: error: variable \"a\" refers to ${b}, which is defined only later: every regex "
+        "vocabulary is switched off",
+        "2:26: error: pattern 1 of regex vocabulary \"t\" refers to ${a}, whose own value does "
+        "not expand: every regex vocabulary is switched off",
+        "2:34: error: pattern 2 of regex vocabulary \"t\" refers to ${zz}, which is not defined: "
+        "every regex vocabulary is switched off",
+        "3 errors, 0 warnings"}},
+      {"{\"variableEntrys\": [{\"key\": \"a\", \"value\": \"\"}],\n \"regexVocabMap\": {\"t\": "
+       "[\"x\", \"\"]}, \"intentMap\": {\"i\": {\"slots\": [{\"tag\": \"t\"}], \"regexRules\": "
+       "[\"<t>\"]}}}",
+       {"1:43: error: variable \"a\" has an empty value: every regex vocabulary is switched off",
+        "2:31: error: pattern 2 of regex vocabulary \"t\" is empty: every regex vocabulary is "
+        "switched off",
+        "2 errors, 0 warnings"}},
+      // Empty at the start of a text, at a word boundary, as an empty alternative; [0-9]+ never.
+      {R"({"regexVocabMap": {"t": ["a*", "\\b", "x|", "[0-9]+"]}, "intentMap": {"i": {"slots": [{"tag": "t"}], "regexRules": ["<t>"]}}})",
+       {"1:26: error: pattern 1 of regex vocabulary \"t\" can match empty text: every query in "
+        "which it does fails",
+        "1:32: error: pattern 2 of regex vocabulary \"t\" can match empty text: every query in "
+        "which it does fails",
+        "1:39: error: pattern 3 of regex vocabulary \"t\" can match empty text: every query in "
+        "which it does fails",
+        "3 errors, 0 warnings"}},
+      // Markers: bracket expressions hold none.
+      {R"({"vocabMap": {"v": ["x"], "w": ["y"]}, "intentMap": {"i": {"slots": [{"tag": "v"}], "regexRules": ["<v> <nope> [^<>]+ <w>"]}, "j": {"slots": [{"tag": "w"}], "regexRules": ["<w>"]}}})",
+       {"1:100: error: rule 1 of intent \"i\": <nope> names no vocabulary",
+        "1:100: error: rule 1 of intent \"i\": <w> names a vocabulary that the slots of intent "
+        "\"i\" do not accept: the rule cannot match it",
+        "2 errors, 0 warnings"}},
+      {"{\"vocabMap\": {\"v\": [\"\xff\"]}, \"intentMap\": {\"i\": {\"slots\": [{\"tag\": \"v\"}], "
+       "\"regexRules\": [\"<v>\"]}}}",
+       {"1:21: error: word \"\xff\" of vocabulary \"v\" is not valid UTF-8: the engine does not "
+        "load the configuration",
+        "1 error, 0 warnings"}},
+      {"{\"vocabmap\": {}, \"vocabMap\": {\"v\": [\"x\"]}, \"intentMap\": {\"i\": {\"slot\": [], "
+       "\"slots\": [{\"name\": \"s\", \"tag\": \"v\", \"type\": 1}], \"regexRules\": [\"<v>\"]}},\n"
+       " \"variableEntrys\": [{\"key\": \"a\", \"value\": \"1\", \"note\": \"\"}], \"vocabMap\": "
+       "{}}",
+       {"1:2: warning: unknown key \"vocabmap\" in the document: ignored",
+        "1:64: warning: unknown key \"slot\" in intent \"i\": ignored",
+        "1:112: warning: unknown key \"type\" in slot 1 of intent \"i\": ignored",
+        "2:48: warning: unknown key \"note\" in variable entry 1: ignored",
+        "2:62: warning: key \"vocabMap\" repeated in the document: ignored, the first one counts",
+        "0 errors, 5 warnings"}},
+      {"{\"version\": \"3\", \"vocabMap\": {\"v\": [\"x\", 5], \"w\": \"y\"}, \"regexVocabMap\": "
+       "[], "
+       "\"variableEntrys\": [3, {\"key\": \"a\"}],\n \"intentMap\": {\"i\": {\"name\": 1, "
+       "\"slots\": "
+       "[{\"tag\": \"v\"}, 7, {\"tag\": 2}], \"regexRules\": \"<v>\", \"blackList\": [1]}, \"j\": "
+       "5}}",
+       {"1:13: warning: \"version\" is not an integer: the version counts as 0",
+        "1:42: warning: element 2 of vocabulary \"v\" is not a string: ignored",
+        "1:51: warning: vocabulary \"w\" is not an array: ignored",
+        "1:74: warning: \"regexVocabMap\" is not an object: it is ignored",
+        "1:97: warning: variable entry 1 is not an object: ignored",
+        "1:100: warning: variable entry 2 lacks a string \"key\" or \"value\": ignored",
+        "2:21: warning: intent \"i\" has no rules: it never matches",
+        "2:30: warning: \"name\" of intent \"i\" is not a string: ignored",
+        "2:57: warning: slot 2 of intent \"i\" is not an object: ignored",
+        "2:68: warning: \"tag\" of slot 3 of intent \"i\" is not a string: taken as \"\"",
+        "2:87: warning: \"regexRules\" of intent \"i\" is not an array: ignored",
+        "2:108: warning: element 1 of \"blackList\" of intent \"i\" is not a string: ignored",
+        "2:118: warning: intent \"j\" is not an object: ignored", "0 errors, 13 warnings"}},
+      {"{\"variableEntrys\": [{\"key\": \"a\", \"value\": \"1\"}, {\"key\": \"a\", \"value\": "
+       "\"2\"}],\n"
+       " \"vocabMap\": {\"v\": [\"x\", \"y\", \"x\"], \"unused\": [\"z\"]}, \"regexVocabMap\": "
+       "{\"t\": "
+       "[\"${a}\"]},\n \"intentMap\": {\"i\": {\"slots\": [{\"tag\": \"v\"}], \"regexRules\": "
+       "[\"<v>\", \"<v>y\", \"<v>\"]}, \"none\": {\"slots\": [{\"tag\": \"v\"}]}, \"none\": "
+       "{\"regexRules\": []}}}",
+       {"1:57: warning: variable \"a\" is defined again: the first definition counts (both must "
+        "expand)",
+        "2:31: warning: word \"x\" repeats an earlier word of vocabulary \"v\"",
+        "2:37: warning: vocabulary \"unused\" is accepted by no intent's slots: its tags never "
+        "reach a rule",
+        "2:73: warning: regex vocabulary \"t\" is accepted by no intent's slots: its tags never "
+        "reach a rule",
+        "3:77: warning: rule 3 of intent \"i\" repeats rule 1: it never adds a match",
+        "3:86: warning: intent \"none\" is defined again later: this definition is ignored",
+        "3:129: warning: intent \"none\" has no rules: it never matches", "0 errors, 7 warnings"}},
+  };
+  for (const auto& c : kCases) {
+    const CheckRun run = Check(c.document);
+    EXPECT_EQ(run.lines, c.findings) << c.document;
+    const bool errors = c.findings.back().rfind("0 errors", 0) != 0;
+    EXPECT_EQ(run.exit_code, errors ? 1 : 0) << c.document;
+  }
+}
+
+TEST(CheckCommand, PassesTheExampleAndFailsWhatCannotBeRead) {
+  const ProcessResult example = RunProcess({kCli, "check", "--config", kExample});
+  EXPECT_EQ(example.exit_code, 0);
+  EXPECT_EQ(example.out, "0 errors, 0 warnings\n");
+  EXPECT_EQ(example.err, "");
+  const ProcessResult missing = RunProcess({kCli, "check", "--config", "/nonexistent/c.json"});
+  EXPECT_EQ(missing.exit_code, 1);
+  EXPECT_EQ(missing.out.rfind("/nonexistent/c.json: error: ", 0), 0u) << missing.out;
+  EXPECT_EQ(RunProcess({kCli, "check"}).exit_code, 2);
+}
+
 }  // namespace
 }  // namespace rulenlu

@@ -2,6 +2,7 @@
 // configurations.
 //
 //   rulenlu parse --config FILE [--quiet] [--state DIR [--wait-update SECONDS]] [QUERY ...]
+//   rulenlu check --config FILE
 //   rulenlu test --config FILE CASES.jsonl
 //   rulenlu version          (or rulenlu --version)
 //
@@ -11,6 +12,7 @@
 #include <iostream>
 #include <string>
 
+#include "check_command.h"
 #include "parse_command.h"
 #include "rulenlu/version.h"
 #include "test_command.h"
@@ -53,6 +55,11 @@ int main(int argc, char** argv) {
   parse->add_option("queries", parse_options.queries, "Queries (default: one per line on stdin)")
       ->option_text("QUERY ...");
 
+  std::string check_config;
+  CLI::App* check = app.add_subcommand(
+      "check", "Lint a configuration: FILE:LINE:COLUMN: error|warning: ... per finding");
+  AddConfigOption(check, &check_config);
+
   rulenlu::TestOptions test_options;
   CLI::App* test = app.add_subcommand("test", "Run regression cases (JSON lines) and report");
   AddConfigOption(test, &test_options.config);
@@ -76,6 +83,7 @@ int main(int argc, char** argv) {
     std::cout << kVersionLine << '\n' << std::flush;
     return std::cout ? 0 : rulenlu::kExitNoOutput;
   }
+  if (check->parsed()) return rulenlu::RunCheck(check_config);
   if (test->parsed()) return rulenlu::RunTest(test_options);
   if (parse_options.wait_update > 0 && parse_options.state.empty()) {
     std::cerr << "rulenlu: --wait-update needs --state\n" << parse->help();
