@@ -1,6 +1,7 @@
 // Drives the configuration authors' subcommands as separate processes: `rulenlu test`,
 // `rulenlu check` and `rulenlu explain`.
 #include <gtest/gtest.h>
+#include <rapidjson/document.h>
 
 #include <fstream>
 #include <string>
@@ -231,6 +232,87 @@ TEST(CheckCommand, PassesTheExampleAndFailsWhatCannotBeRead) {
   EXPECT_EQ(missing.exit_code, 1);
   EXPECT_EQ(missing.out.rfind("/nonexistent/c.json: error: ", 0), 0u) << missing.out;
   EXPECT_EQ(RunProcess({kCli, "check"}).exit_code, 2);
+}
+
+std::vector<std::string> SplitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  for (size_t begin = 0, end; (end = text.find('\n', begin)) != std::string::npos;
+       begin = end + 1) {
+    lines.push_back(text.substr(begin, end - begin));
+  }
+  return lines;
+}
+
+// For every query of the shared workload, explain's "result" is parse's line, and the candidate
+// it marks as the winner is that result.
+TEST(ExplainCommand, JsonResultIsParsesLineOnTheSharedWorkload) {
+  const std::string config = kRoot + "/bench/workload/config.json";
+  const std::string queries = ReadFileBytes(kRoot + "/bench/workload/queries.txt");
+  const ProcessResult parse = RunProcess({kCli, "parse", "--quiet", "--config", config}, queries);
+  const ProcessResult explain =
+      RunProcess({kCli, "explain", "--json", "--config", config}, queries);
+  ASSERT_EQ(parse.exit_code, 0);
+  ASSERT_EQ(explain.exit_code, 0);
+  EXPECT_EQ(explain.err, "");
+  const std::vector<std::string> expected = SplitLines(parse.out);
+  const std::vector<std::string> got = SplitLines(explain.out);
+  const std::vector<std::string> asked = SplitLines(queries);
+  ASSERT_EQ(got.size(), expected.size());
+  ASSERT_EQ(got.size(), asked.size());
+  size_t winners = 0;
+  for (size_t i = 0; i < got.size(); ++i) {
+    rapidjson::Document doc;
+    rapidjson::Document line;
+    ASSERT_FALSE(doc.Parse(got[i].c_str()).HasParseError()) << i;
+    ASSERT_FALSE(line.Parse(expected[i].c_str()).HasParseError()) << i;
+    ASSERT_TRUE(doc.IsObject() && doc.HasMember("tags") && doc["tags"].IsArray() &&
+                doc.HasMember("candidates") && doc["candidates"].IsArray())
+        << got[i].substr(0, 200);
+    EXPECT_EQ(doc["query"], rapidjson::Value(asked[i].c_str(), doc.GetAllocator())) << i;
+    EXPECT_TRUE(doc["result"] == line) << asked[i] << "\n" << expected[i];
+    for (const rapidjson::Value& candidate : doc["candidates"].GetArray()) {
+      if (!candidate["winner"].GetBool()) continue;
+      ++winners;
+      EXPECT_TRUE(candidate["intent"] == line["intent"]) << asked[i];
+      EXPECT_TRUE(candidate["slots"] == line["slots"]) << asked[i];
+    }
+  }
+  EXPECT_GT(winners, got.size() / 4);  // the workload is mostly understood
+}
+
+TEST(ExplainCommand, TextMarksTheWinnerAndShowsAFailingStage) {
+  const ProcessResult call = RunProcess({kCli, "explain", "--config", kExample, "call Tom now"});
+  ASSERT_EQ(call.exit_code, 0);
+  const ProcessResult parse =
+      RunProcess({kCli, "parse", "--quiet", "--config", kExample, "call Tom now"});
+  EXPECT_EQ(LastLine(call.out), "result " + LastLine(parse.out));
+  for (const char* part :
+       {"  call_verb     \"call\"  0  4\n", "  * #2  <call_verb> <contact> now\n",
+        "      *  call_contact  rule 1 matches\n",
+        "  *  1  call_contact  7  2  1  #2  call_verb=\"call\" contact=\"Tom\"\n"}) {
+    EXPECT_NE(call.out.find(part), std::string::npos) << part << call.out;
+  }
+
+  // A rule that does not compile fails the query in the parser: shown, and the result is
+  // parse's empty one.
+  const std::string broken = WriteScratch(
+      "broken.json",
+      R"({"vocabMap": {"v": ["x"], "w": ["y"]}, "intentMap": {"a": {"slots": [{"tag": "v"}], "regexRules": ["<v>(", "<v>"]}, "b": {"slots": [{"tag": "v"}, {"tag": "w"}], "regexRules": ["<v> <w>"]}}})");
+  const ProcessResult text = RunProcess({kCli, "explain", "--config", broken, "x y"});
+  EXPECT_EQ(text.exit_code, 0);
+  EXPECT_NE(text.out.find("a  fails: rule 1 does not compile: "), std::string::npos) << text.out;
+  EXPECT_NE(text.out.find("\nfailed in the parser: rule 1 does not compile"), std::string::npos);
+  EXPECT_EQ(LastLine(text.out),
+            "result {\"version\":0,\"intent\":\"\",\"text\":\"\",\"slots\":[]}");
+  const ProcessResult json = RunProcess({kCli, "explain", "--json", "--config", broken, "x y"});
+  rapidjson::Document doc;
+  ASSERT_FALSE(doc.Parse(json.out.c_str()).HasParseError()) << json.out;
+  EXPECT_EQ(std::string(doc["failure"].GetString()).rfind("parser: rule 1", 0), 0u);
+  ASSERT_EQ(doc["candidates"].Size(), 1u);  // b's, which the failure keeps from winning
+  EXPECT_FALSE(doc["candidates"][0]["winner"].GetBool());
+
+  EXPECT_EQ(RunProcess({kCli, "explain", "--config", "/nonexistent/c.json", "q"}).exit_code, 1);
+  EXPECT_EQ(RunProcess({kCli, "explain", "q"}).exit_code, 2);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
 #include <memory>
 
 #include "base/error.h"
@@ -27,21 +26,11 @@ int Fail(const std::string& message) {
 template <typename Answer>
 bool RunQueries(const std::vector<std::string>& queries, Answer answer) {
   std::string line;
-  auto emit = [&](const std::string& query) {
+  const bool written = ForEachQuery(queries, [&](const std::string& query) {
     FormatResultJson(answer(query), &line);
     line.push_back('\n');
     return WriteOut(line);
-  };
-  bool written = true;
-  if (!queries.empty()) {
-    for (auto it = queries.begin(); written && it != queries.end(); ++it) written = emit(*it);
-  } else {
-    std::string query;
-    while (written && std::getline(std::cin, query)) {
-      if (!query.empty() && query.back() == '\r') query.pop_back();
-      written = emit(query);
-    }
-  }
+  });
   if (!written) Complain("cannot write the results to standard output");
   return written;
 }

@@ -3,6 +3,7 @@
 //
 //   rulenlu parse --config FILE [--quiet] [--state DIR [--wait-update SECONDS]] [QUERY ...]
 //   rulenlu check --config FILE
+//   rulenlu explain --config FILE [--json] [QUERY ...]
 //   rulenlu test --config FILE CASES.jsonl
 //   rulenlu version          (or rulenlu --version)
 //
@@ -13,6 +14,7 @@
 #include <string>
 
 #include "check_command.h"
+#include "explain_command.h"
 #include "parse_command.h"
 #include "rulenlu/version.h"
 #include "test_command.h"
@@ -60,6 +62,15 @@ int main(int argc, char** argv) {
       "check", "Lint a configuration: FILE:LINE:COLUMN: error|warning: ... per finding");
   AddConfigOption(check, &check_config);
 
+  rulenlu::ExplainOptions explain_options;
+  CLI::App* explain =
+      app.add_subcommand("explain", "Show how each query gets its answer, step by step");
+  AddConfigOption(explain, &explain_options.config);
+  explain->add_flag("--json", explain_options.json, "One JSON document per query and line");
+  explain
+      ->add_option("queries", explain_options.queries, "Queries (default: one per line on stdin)")
+      ->option_text("QUERY ...");
+
   rulenlu::TestOptions test_options;
   CLI::App* test = app.add_subcommand("test", "Run regression cases (JSON lines) and report");
   AddConfigOption(test, &test_options.config);
@@ -84,6 +95,7 @@ int main(int argc, char** argv) {
     return std::cout ? 0 : rulenlu::kExitNoOutput;
   }
   if (check->parsed()) return rulenlu::RunCheck(check_config);
+  if (explain->parsed()) return rulenlu::RunExplain(explain_options);
   if (test->parsed()) return rulenlu::RunTest(test_options);
   if (parse_options.wait_update > 0 && parse_options.state.empty()) {
     std::cerr << "rulenlu: --wait-update needs --state\n" << parse->help();

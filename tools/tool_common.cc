@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <iostream>
 #include <optional>
 #include <utility>
 
@@ -59,6 +60,20 @@ std::unique_ptr<NluEngine> BuildLocalEngine(const std::string& path) {
   } catch (const Error& e) {
     throw Error("configuration " + path + " cannot be built: " + e.what());
   }
+}
+
+bool ForEachQuery(const std::vector<std::string>& queries,
+                  const std::function<bool(const std::string&)>& handle) {
+  for (const std::string& query : queries) {
+    if (!handle(query)) return false;
+  }
+  if (!queries.empty()) return true;
+  std::string query;
+  while (std::getline(std::cin, query)) {
+    if (!query.empty() && query.back() == '\r') query.pop_back();
+    if (!handle(query)) return false;
+  }
+  return true;
 }
 
 bool WriteOut(const std::string& text) {

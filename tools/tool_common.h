@@ -3,8 +3,10 @@
 #ifndef RULENLU_TOOLS_TOOL_COMMON_H_
 #define RULENLU_TOOLS_TOOL_COMMON_H_
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "engine/nlu_engine.h"
 
@@ -24,6 +26,11 @@ void Complain(const std::string& message);
 // The engine of the configuration file at `path`, loaded as the engine loads its local file.
 // Throws Error, with a message for the user, when it cannot be loaded or built.
 std::unique_ptr<NluEngine> BuildLocalEngine(const std::string& path);
+
+// Calls `handle` with each query: the arguments, else each line of stdin (without its "\n" and
+// a "\r" before it), until `handle` returns false. Returns false when it did.
+bool ForEachQuery(const std::vector<std::string>& queries,
+                  const std::function<bool(const std::string&)>& handle);
 
 // Writes `text` to stdout; false when it could not be written.
 bool WriteOut(const std::string& text);

@@ -236,23 +236,32 @@ IntentCandidate RegexParser::MakeCandidate(const std::u16string& query, const In
   candidate.slots.reserve(tags.combinations.length(c));
   for (const uint32_t* t = tags.combinations.begin(c); t != tags.combinations.end(c); ++t) {
     const QueryTag& tag = tags.tags[*t];
-    candidate.slots.push_back(SlotMatch{
-        vocab_names_[tag.vocab], query.substr(tag.start, tag.length), tag.start, tag.length});
+    candidate.slots.push_back(TagSlot(query, tag));
   }
   return candidate;
 }
 
+SlotMatch RegexParser::TagSlot(const std::u16string& query, const QueryTag& tag) const {
+  return SlotMatch{vocab_names_[tag.vocab], query.substr(tag.start, tag.length), tag.start,
+                   tag.length};
+}
+
 namespace {
 
-// True when one of `rules` before `end` matches the whole `subject`; throws for a rule that
-// did not compile once it is reached.
+// The first of `rules` before `end` that matches the whole `subject`, or `end` when none does;
+// throws for a rule that did not compile once it is reached.
 template <typename Rules>
-bool AnyRuleMatches(const Rules& rules, size_t end, const RegexSubject& subject) {
+size_t FirstMatchingRule(const Rules& rules, size_t end, const RegexSubject& subject) {
   for (size_t r = 0; r < end; ++r) {
     if (!rules[r].regex.has_value()) throw RegexError(rules[r].error);
-    if (rules[r].regex->FullMatch(subject)) return true;
+    if (rules[r].regex->FullMatch(subject)) return r;
   }
-  return false;
+  return end;
+}
+
+template <typename Rules>
+bool AnyRuleMatches(const Rules& rules, size_t end, const RegexSubject& subject) {
+  return FirstMatchingRule(rules, end, subject) < end;
 }
 
 }  // namespace
@@ -341,6 +350,47 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
     }
   }
   return std::nullopt;
+}
+
+ParseTrace RegexParser::Explain(const std::u16string& query, std::vector<QueryTag> tags) const {
+  const PreparedTags prepared = Prepare(query, std::move(tags));
+  ParseTrace trace;
+  for (const QueryTag& tag : prepared.tags) trace.tags.push_back(TagSlot(query, tag));
+  RegexSubject subject;
+  for (size_t c = 0; c < prepared.combinations.size(); ++c) {
+    ParseTrace::Combination& step = trace.combinations.emplace_back();
+    step.tags.assign(prepared.combinations.begin(c), prepared.combinations.end(c));
+    try {
+      Rewrite(query, prepared, c, &step.rewritten);
+    } catch (const Error& e) {
+      step.error = e.what();
+    }
+    subject.Assign(step.rewritten);
+    for (const Intent& intent : intents_) {
+      ParseTrace::IntentStep& tried = step.intents.emplace_back();
+      tried.intent = intent.name;
+      tried.accepted = Accepts(intent, prepared, c);
+      if (!tried.accepted) continue;
+      if (!step.error.empty()) {
+        tried.error = step.error;  // ParseAll would have thrown rewriting it
+        continue;
+      }
+      try {
+        const size_t rule = FirstMatchingRule(intent.rules, intent.first_broken, subject);
+        if (rule == intent.rules.size()) continue;
+        if (rule == intent.first_broken) {
+          tried.error =
+              "rule " + std::to_string(rule + 1) + " does not compile: " + intent.rules[rule].error;
+          continue;
+        }
+        tried.rule = rule;
+        trace.candidates.push_back({c, MakeCandidate(query, intent, prepared, c)});
+      } catch (const Error& e) {
+        tried.error = e.what();
+      }
+    }
+  }
+  return trace;
 }
 
 }  // namespace rulenlu
