@@ -163,6 +163,9 @@ TEST(CheckCommand, ReportsEachFindingAtItsValue) {
         "1:100: error: rule 1 of intent \"i\": <w> names a vocabulary that the slots of intent "
         "\"i\" do not accept: the rule cannot match it",
         "2 errors, 0 warnings"}},
+      {R"({"vocabMap": {"v": ["x"]}, "intentMap": {"i": {"slots": [{"tag": "v"}, {"tag": "vv"}], "regexRules": ["<v>"]}}})",
+       {"1:80: warning: \"tag\" of slot 2 of intent \"i\" names no vocabulary: \"vv\"",
+        "0 errors, 1 warning"}},
       {"{\"vocabMap\": {\"v\": [\"\xff\"]}, \"intentMap\": {\"i\": {\"slots\": [{\"tag\": \"v\"}], "
        "\"regexRules\": [\"<v>\"]}}}",
        {"1:21: error: word \"\xff\" of vocabulary \"v\" is not valid UTF-8: the engine does not "

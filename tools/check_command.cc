@@ -412,6 +412,10 @@ class Checker {
       }
       const Member* tag = Section(members, "tag");
       const std::string name = tag && tag->first->IsString() ? tag->first->GetString() : "";
+      if (tag != nullptr && tag->first->IsString() && !IsVocabulary(name)) {
+        Report(tag->second->offset, false,
+               "\"tag\" of " + item + " names no vocabulary: " + Quote(name));
+      }
       accepted.insert(name);
       accepted_anywhere_.insert(name);
     }

@@ -12,6 +12,7 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "check_command.h"
 #include "explain_command.h"
@@ -28,6 +29,11 @@ CLI::Option* AddConfigOption(CLI::App* command, std::string* config) {
   return command->add_option("--config", *config, "Configuration document (JSON); required")
       ->required()
       ->option_text("FILE");
+}
+
+CLI::Option* AddQueriesArgument(CLI::App* command, std::vector<std::string>* queries) {
+  return command->add_option("queries", *queries, "Queries (default: one per line on stdin)")
+      ->option_text("QUERY ...");
 }
 
 }  // namespace
@@ -54,8 +60,7 @@ int main(int argc, char** argv) {
                    "With --state: wait up to SECONDS for the configuration update to finish")
       ->check(CLI::Range(0.0, 86400.0))
       ->option_text("SECONDS");
-  parse->add_option("queries", parse_options.queries, "Queries (default: one per line on stdin)")
-      ->option_text("QUERY ...");
+  AddQueriesArgument(parse, &parse_options.queries);
 
   std::string check_config;
   CLI::App* check = app.add_subcommand(
@@ -67,9 +72,7 @@ int main(int argc, char** argv) {
       app.add_subcommand("explain", "Show how each query gets its answer, step by step");
   AddConfigOption(explain, &explain_options.config);
   explain->add_flag("--json", explain_options.json, "One JSON document per query and line");
-  explain
-      ->add_option("queries", explain_options.queries, "Queries (default: one per line on stdin)")
-      ->option_text("QUERY ...");
+  AddQueriesArgument(explain, &explain_options.queries);
 
   rulenlu::TestOptions test_options;
   CLI::App* test = app.add_subcommand("test", "Run regression cases (JSON lines) and report");
