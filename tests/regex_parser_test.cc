@@ -205,7 +205,7 @@ TEST(RegexParser, CombinesTagsUpToTheLimit) {
 // The best candidate in rank order must be the one the ranker picks among all candidates, and a
 // failure must come exactly when the exhaustive search fails: random intents with overlapping
 // slots, rules that match some rewritten queries, rules that do not compile and keys that are
-// not UTF-8, over random tags.
+// not UTF-8, over random tags. Explain must trace the same candidates, or the failure.
 TEST(RegexParser, BestCandidateIsTheRankersChoiceAmongAll) {
   std::mt19937 random(20261123);
   auto pick = [&](size_t n) { return static_cast<size_t>(random() % n); };
@@ -232,14 +232,31 @@ TEST(RegexParser, BestCandidateIsTheRankersChoiceAmongAll) {
     std::u16string query;
     for (int i = 0; i < 12; ++i) query += u"xyz <"[pick(5)];
     const std::vector<SlotMatch> tags = RandomTags(random, query, keys, pick(10));
+    // Explain traces the exhaustive search: its candidates, or a step that fails.
+    const ParseTrace trace = parser.Explain(query, ToQueryTags(tags, query));
+    std::string traced;
+    for (const ParseTrace::Candidate& found : trace.candidates) {
+      traced += found.candidate.intent + "[" + DumpTags(found.candidate.slots) + "]";
+    }
+    for (const ParseTrace::Combination& combination : trace.combinations) {
+      for (const ParseTrace::IntentStep& step : combination.intents) {
+        if (!step.error.empty()) traced = "failed";
+      }
+    }
     std::string expected;
+    std::string all;
     try {
-      const IntentCandidate winner =
-          Ranker::Rank(query, parser.ParseAll(query, ToQueryTags(tags, query)));
+      const std::vector<IntentCandidate> candidates =
+          parser.ParseAll(query, ToQueryTags(tags, query));
+      for (const IntentCandidate& found : candidates) {
+        all += found.intent + "[" + DumpTags(found.slots) + "]";
+      }
+      const IntentCandidate winner = Ranker::Rank(query, candidates);
       expected = winner.intent + "[" + DumpTags(winner.slots) + "]";
     } catch (const Error&) {
-      expected = "failed";
+      expected = all = "failed";
     }
+    ASSERT_EQ(traced, all) << "trial " << trial;
     std::string got;
     try {
       const std::optional<IntentCandidate> best = parser.Parse(query, ToQueryTags(tags, query));

@@ -109,4 +109,30 @@ NluResult NluEngine::Process(const std::string& query) const {
   return result;
 }
 
+QueryExplanation NluEngine::Explain(const std::string& query) const {
+  QueryExplanation explanation;
+  std::u16string wide;
+  std::vector<QueryTag> tags;
+  try {
+    wide = Utf8ToUtf16(query.c_str());
+    tags = tagger_->Tag(wide);
+  } catch (const Error& e) {
+    explanation.failure = std::string("tagger: ") + e.what();
+    return explanation;
+  }
+  explanation.trace = parser_->Explain(wide, std::move(tags));
+  for (const ParseTrace::Combination& combination : explanation.trace.combinations) {
+    for (const ParseTrace::IntentStep& step : combination.intents) {
+      if (explanation.failure.empty() && !step.error.empty()) {
+        explanation.failure = "parser: " + step.error;
+      }
+    }
+  }
+  const auto& candidates = explanation.trace.candidates;
+  for (size_t i = 0; i < candidates.size(); ++i) {
+    explanation.scores.push_back(Ranker::Score(candidates[i].candidate, static_cast<int32_t>(i)));
+  }
+  return explanation;
+}
+
 }  // namespace rulenlu

@@ -11,12 +11,20 @@
 
 #include "base/records.h"
 #include "config/nlu_config.h"
+#include "nlu/ranker.h"
+#include "nlu/regex_parser.h"
 #include "rulenlu/engine_api.h"
 
 namespace rulenlu {
 
 class Tagger;
-class RegexParser;
+
+// How the pipeline treats one query, step by step (NluEngine::Explain).
+struct QueryExplanation {
+  std::string failure;  // the stage that fails the query and why; empty when none does
+  ParseTrace trace;     // the tagger's tags and the parser's exhaustive search
+  std::vector<CandidateScore> scores;  // the ranking keys of each of trace.candidates
+};
 
 // The pipeline's answer to one query.
 struct PipelineOutcome {
@@ -45,6 +53,10 @@ class NluEngine {
   // Answers `query` for the host: logs the outcome and converts it to UTF-8. Any failure gives
   // the empty result. Throws only what a defect would throw.
   NluResult Process(const std::string& query) const;
+
+  // Explains `query`: the tagger's tags in the parser's trace and the ranking keys of every
+  // candidate. Changes nothing and logs nothing; the answer itself is Process's.
+  QueryExplanation Explain(const std::string& query) const;
 
   int64_t version() const { return version_; }
 

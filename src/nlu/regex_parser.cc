@@ -155,8 +155,8 @@ RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
     }
     // The rule that did not compile is reported only when a query reaches it; the rules after
     // it are never reached.
-    std::string broken = all.error(first_broken);
-    if (broken.empty()) broken = "a rule does not compile";
+    const std::string broken = "rule " + std::to_string(first_broken + 1) +
+                               " does not compile: " + all.error(first_broken);
     RegexSet before(std::vector<std::u16string>(config.regexRules.begin(),
                                                 config.regexRules.begin() + first_broken));
     intents_.push_back(Intent{name, std::move(accepts), std::move(before), std::move(broken)});
@@ -255,10 +255,14 @@ IntentCandidate RegexParser::MakeCandidate(const std::u16string& query, const In
   candidate.slots.reserve(tags.combinations.length(c));
   for (const uint32_t* t = tags.combinations.begin(c); t != tags.combinations.end(c); ++t) {
     const QueryTag& tag = tags.tags[*t];
-    candidate.slots.push_back(SlotMatch{
-        vocab_names_[tag.vocab], query.substr(tag.start, tag.length), tag.start, tag.length});
+    candidate.slots.push_back(TagSlot(query, tag));
   }
   return candidate;
+}
+
+SlotMatch RegexParser::TagSlot(const std::u16string& query, const QueryTag& tag) const {
+  return SlotMatch{vocab_names_[tag.vocab], query.substr(tag.start, tag.length), tag.start,
+                   tag.length};
 }
 
 std::vector<IntentCandidate> RegexParser::ParseAll(const std::u16string& query,
@@ -347,6 +351,41 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
     }
   }
   return std::nullopt;
+}
+
+ParseTrace RegexParser::Explain(const std::u16string& query, std::vector<QueryTag> tags) const {
+  const PreparedTags prepared = Prepare(query, std::move(tags));
+  ParseTrace trace;
+  for (const QueryTag& tag : prepared.tags) trace.tags.push_back(TagSlot(query, tag));
+  RegexSubject subject;
+  for (size_t c = 0; c < prepared.combinations.size(); ++c) {
+    ParseTrace::Combination& step = trace.combinations.emplace_back();
+    step.tags.assign(prepared.combinations.begin(c), prepared.combinations.end(c));
+    try {
+      Rewrite(query, prepared, c, &step.rewritten);
+    } catch (const Error& e) {
+      step.error = e.what();
+    }
+    subject.Assign(step.rewritten);
+    for (const Intent& intent : intents_) {
+      ParseTrace::IntentStep& tried = step.intents.emplace_back();
+      tried.intent = intent.name;
+      tried.accepted = Accepts(intent, prepared, c);
+      if (!tried.accepted) continue;
+      if (!step.error.empty()) {
+        tried.error = step.error;  // ParseAll would have thrown rewriting it
+        continue;
+      }
+      try {
+        tried.rule = MatchingRule(intent, subject);
+        if (!tried.rule.has_value()) continue;
+        trace.candidates.push_back({c, MakeCandidate(query, intent, prepared, c)});
+      } catch (const Error& e) {
+        tried.error = e.what();
+      }
+    }
+  }
+  return trace;
 }
 
 }  // namespace rulenlu

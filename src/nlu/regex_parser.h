@@ -22,6 +22,29 @@
 
 namespace rulenlu {
 
+// What the exhaustive search (RegexParser::ParseAll) does with one query, step by step.
+struct ParseTrace {
+  struct IntentStep {
+    std::string intent;
+    bool accepted = false;       // the intent's slots accept every tag of the combination
+    std::optional<size_t> rule;  // the first rule that matches the rewritten query, if one does
+    std::string error;           // why matching failed (a rule that did not compile), if it did
+  };
+  struct Combination {
+    std::vector<size_t> tags;  // positions in ParseTrace::tags
+    std::u16string rewritten;
+    std::string error;                // why the query could not be rewritten, if it could not
+    std::vector<IntentStep> intents;  // every intent, in name order
+  };
+  struct Candidate {
+    size_t combination;
+    IntentCandidate candidate;
+  };
+  std::vector<SlotMatch> tags;  // in combination order
+  std::vector<Combination> combinations;
+  std::vector<Candidate> candidates;  // as ParseAll finds them
+};
+
 class RegexParser {
  public:
   // Compiles each rule of `intent_map` as a POSIX extended expression. A rule that does not
@@ -57,6 +80,12 @@ class RegexParser {
   std::optional<IntentCandidate> Parse(const std::u16string& query,
                                        std::vector<QueryTag> tags) const;
 
+  // The steps of ParseAll for `query`: the tags in combination order, every combination with
+  // its rewritten query and what each intent made of it, and the candidates. Where ParseAll
+  // would throw (a rule that did not compile, a key that is not UTF-8), the step holds the
+  // reason and the trace goes on.
+  ParseTrace Explain(const std::u16string& query, std::vector<QueryTag> tags) const;
+
  private:
   // What Parse needs of an intent, in name order.
   struct Intent {
@@ -83,6 +112,8 @@ class RegexParser {
   // The candidate of `intent` with the tags of combination `c` as slots.
   IntentCandidate MakeCandidate(const std::u16string& query, const Intent& intent,
                                 const PreparedTags& tags, size_t c) const;
+  // `tag` of `query` as a slot.
+  SlotMatch TagSlot(const std::u16string& query, const QueryTag& tag) const;
 
   size_t max_combinations_;
   std::vector<Intent> intents_;

@@ -141,36 +141,19 @@ Tagger::WordTrie::WordTrie(const std::map<std::string, std::set<std::u16string>>
 
 namespace {
 
-// Returns `text` with every complete reference ${name} (on one line) replaced by the value of
-// `name` in `variables`, or an empty text when a reference names no variable. A `$` or `{`
-// that does not begin a complete reference is kept as written.
-std::u16string ReplaceVariables(std::u16string text,
-                                const std::map<std::string, std::u16string>& variables) {
-  size_t start = 0;
-  size_t length = 0;
-  while (FindReference(text, &start, &length)) {
-    // The name sits between the leading "${" and the closing "}".
-    const std::string name = Utf16ToUtf8(std::u16string_view(text).substr(start + 2, length - 3));
-    const auto found = variables.find(name);
-    if (found == variables.end()) return std::u16string();
-    text.replace(start, length, found->second);
-  }
-  return text;
-}
-
 // Expands the variables in list order, then every regex vocabulary pattern in place, logging
 // "new regex:" with each expansion. Returns false as soon as an expansion comes out empty.
 bool SubstituteVariables(const std::vector<std::pair<std::string, std::u16string>>& entries,
                          std::map<std::string, std::vector<std::u16string>>* regex_vocab_map) {
   std::map<std::string, std::u16string> variables;
   for (const auto& [name, value] : entries) {
-    std::u16string expanded = ReplaceVariables(value, variables);
+    std::u16string expanded = ExpandVariables(value, variables).value_or(std::u16string());
     if (expanded.empty()) return false;
     variables.emplace(name, std::move(expanded));  // an earlier entry of the same name wins
   }
   for (auto& [name, patterns] : *regex_vocab_map) {
     for (std::u16string& pattern : patterns) {
-      std::u16string expanded = ReplaceVariables(pattern, variables);
+      std::u16string expanded = ExpandVariables(pattern, variables).value_or(std::u16string());
       LogLine(LogStream::kStdout, {"new regex:", Utf16ToUtf8(expanded)});
       if (expanded.empty()) return false;
       pattern = std::move(expanded);
@@ -180,6 +163,24 @@ bool SubstituteVariables(const std::vector<std::pair<std::string, std::u16string
 }
 
 }  // namespace
+
+std::optional<std::u16string> ExpandVariables(
+    std::u16string text, const std::map<std::string, std::u16string>& variables,
+    std::string* unknown) {
+  size_t start = 0;
+  size_t length = 0;
+  while (FindReference(text, &start, &length)) {
+    // The name sits between the leading "${" and the closing "}".
+    std::string name = Utf16ToUtf8(std::u16string_view(text).substr(start + 2, length - 3));
+    const auto found = variables.find(name);
+    if (found == variables.end()) {
+      if (unknown != nullptr) *unknown = std::move(name);
+      return std::nullopt;
+    }
+    text.replace(start, length, found->second);
+  }
+  return text;
+}
 
 Tagger::Tagger(const std::map<std::string, std::set<std::u16string>>& vocab_map,
                std::map<std::string, std::vector<std::u16string>> regex_vocab_map,

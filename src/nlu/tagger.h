@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -21,6 +22,14 @@ namespace rulenlu {
 
 // The longest query, in UTF-16 units, that the engine answers.
 inline constexpr size_t kMaxQueryLength = kMaxRegexSubjectLength;
+
+// `text` with every complete reference ${name} (standing on one line) replaced by the value of
+// `name` in `variables`, as the tagger expands variables and regex vocabulary patterns; a `$` or
+// `{` that does not begin a complete reference is kept as written. Returns nothing when a
+// reference names no variable, setting `*unknown` (when given) to that name.
+std::optional<std::u16string> ExpandVariables(
+    std::u16string text, const std::map<std::string, std::u16string>& variables,
+    std::string* unknown = nullptr);
 
 // One piece of a query that a vocabulary or regex vocabulary recognised.
 struct QueryTag {

@@ -1,0 +1,84 @@
+#include "tool_common.h"
+
+#include <atomic>
+#include <cstdio>
+#include <iostream>
+#include <optional>
+#include <utility>
+
+#include "base/error.h"
+#include "base/log.h"
+#include "config/local_config.h"
+
+namespace rulenlu {
+namespace {
+
+class ToolLogSink : public LogSink {
+ public:
+  explicit ToolLogSink(bool quiet) : quiet_(quiet) {}
+  void Write(LogStream, std::string_view bytes) override {
+    if (quiet_ || bytes.empty()) return;
+    std::fwrite(bytes.data(), 1, bytes.size(), stderr);
+    line_open_ = bytes.back() != '\n';
+  }
+  // True when the last line written has no line end yet (the engine's printf-style lines).
+  bool line_open() const { return line_open_; }
+
+ private:
+  bool quiet_;
+  std::atomic<bool> line_open_{false};
+};
+
+ToolLogSink* g_log_sink = nullptr;
+
+}  // namespace
+
+void InstallToolLogSink(bool quiet) {
+  // Never destroyed: a background update may still log while the process ends.
+  g_log_sink = new ToolLogSink(quiet);
+  SetLogSink(g_log_sink);
+}
+
+void Complain(const std::string& message) {
+  if (g_log_sink != nullptr && g_log_sink->line_open()) std::fputc('\n', stderr);
+  std::fprintf(stderr, "rulenlu: %s\n", message.c_str());
+}
+
+std::unique_ptr<NluEngine> BuildLocalEngine(const std::string& path) {
+  std::optional<NluConfig> config;
+  try {
+    config = LoadLocalNluConfig(path);
+  } catch (const ConversionError& e) {
+    throw Error("configuration " + path + " holds text that is not UTF-8 (" + e.what() + ")");
+  }
+  if (!config.has_value()) {
+    throw Error("cannot load configuration " + path +
+                " (missing, unreadable or not a JSON object)");
+  }
+  try {
+    return std::make_unique<NluEngine>(std::move(*config));
+  } catch (const Error& e) {
+    throw Error("configuration " + path + " cannot be built: " + e.what());
+  }
+}
+
+bool ForEachQuery(const std::vector<std::string>& queries,
+                  const std::function<bool(const std::string&)>& handle) {
+  for (const std::string& query : queries) {
+    if (!handle(query)) return false;
+  }
+  if (!queries.empty()) return true;
+  std::string query;
+  while (std::getline(std::cin, query)) {
+    if (!query.empty() && query.back() == '\r') query.pop_back();
+    if (!handle(query)) return false;
+  }
+  return true;
+}
+
+bool WriteOut(const std::string& text) {
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  return std::fflush(stdout) == 0 && !std::ferror(stdout);
+}
+
+}  // namespace rulenlu
