@@ -15,6 +15,21 @@ constexpr uint32_t kNoKey = UINT32_MAX;
 // Words of a bit set of `keys` keys (at least one, so that every set has a first word).
 size_t KeyWords(size_t keys) { return keys / 64 + 1; }
 
+// The text a query's rule matching may go over: every rewritten query built and every match
+// counts its length. Ordinary queries use a small fraction; a query past it fails.
+class WorkBudget {
+ public:
+  explicit WorkBudget(size_t query_length)
+      : left_(kParseWorkBase + kParseWorkPerUnit * query_length) {}
+  void Charge(size_t units) {
+    if (units > left_) throw Error("rule matching went past its bound for this query");
+    left_ -= units;
+  }
+
+ private:
+  size_t left_;
+};
+
 // Negative, zero or positive as tag `a` comes before, with or after `b` of `query` in tag
 // order: by vocabulary name (byte-wise, as the positions of the names are), then by text.
 int CompareTags(const QueryTag& a, const QueryTag& b, std::u16string_view query) {
@@ -268,6 +283,7 @@ SlotMatch RegexParser::TagSlot(const std::u16string& query, const QueryTag& tag)
 std::vector<IntentCandidate> RegexParser::ParseAll(const std::u16string& query,
                                                    std::vector<QueryTag> tags) const {
   const PreparedTags prepared = Prepare(query, std::move(tags));
+  WorkBudget budget(query.size());
   std::vector<IntentCandidate> candidates;
   std::u16string rewritten;
   RegexSubject subject;
@@ -279,9 +295,11 @@ std::vector<IntentCandidate> RegexParser::ParseAll(const std::u16string& query,
       if (!Accepts(intent, prepared, c)) continue;
       if (!built) {
         Rewrite(query, prepared, c, &rewritten);
+        budget.Charge(rewritten.size());
         subject.Assign(rewritten);
         built = true;
       }
+      budget.Charge(subject.size());
       if (MatchingRule(intent, subject).has_value()) {
         candidates.push_back(MakeCandidate(query, intent, prepared, c));
       }
@@ -293,6 +311,7 @@ std::vector<IntentCandidate> RegexParser::ParseAll(const std::u16string& query,
 std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
                                                   std::vector<QueryTag> tags) const {
   const PreparedTags prepared = Prepare(query, std::move(tags));
+  WorkBudget budget(query.size());
   const Combinations& combinations = prepared.combinations;
   std::u16string rewritten;
   RegexSubject subject;
@@ -309,10 +328,13 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
         if (!Accepts(intent, prepared, c)) continue;
         if (!built) {
           Rewrite(query, prepared, c, &rewritten);
+          budget.Charge(rewritten.size());
           subject.Assign(rewritten);
           built = true;
         }
-        if (!intent.broken.empty()) MatchingRule(intent, subject);
+        if (intent.broken.empty()) continue;
+        budget.Charge(subject.size());
+        MatchingRule(intent, subject);
       }
     }
   }
@@ -342,9 +364,11 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
       if (!Accepts(intent, prepared, c)) continue;
       if (!built) {
         Rewrite(query, prepared, c, &rewritten);
+        budget.Charge(rewritten.size());
         subject.Assign(rewritten);
         built = true;
       }
+      budget.Charge(subject.size());
       if (MatchingRule(intent, subject).has_value()) {
         return MakeCandidate(query, intent, prepared, c);
       }

@@ -45,6 +45,11 @@ struct ParseTrace {
   std::vector<Candidate> candidates;  // as ParseAll finds them
 };
 
+// The bound of one query's rule matching, in UTF-16 units of text gone over: every rewritten
+// query built and every match of an intent's rules counts its length. A query past it fails.
+inline constexpr size_t kParseWorkBase = size_t{1} << 22;
+inline constexpr size_t kParseWorkPerUnit = 64;
+
 class RegexParser {
  public:
   // Compiles each rule of `intent_map` as a POSIX extended expression. A rule that does not
@@ -68,15 +73,16 @@ class RegexParser {
   //  - intents come in name order, and only the first matching rule of an intent counts.
   // Each candidate has version 0, the intent's name, `query` as text and the combination's tags
   // as slots. No tags give no candidates. Throws Error when a rule that did not compile or
-  // cannot be matched is tried, or a tried key is not UTF-8.
+  // cannot be matched is tried, a tried key is not UTF-8, or the matching goes past
+  // kParseWorkBase + kParseWorkPerUnit * query.size() units.
   std::vector<IntentCandidate> ParseAll(const std::u16string& query,
                                         std::vector<QueryTag> tags) const;
 
   // The candidate that Ranker::Rank would choose among ParseAll's, or nothing when there is
   // none; throws when ParseAll throws for a rule that does not compile. Candidates are tried in
   // rank order and the search stops at the first whole match, so a rule is matched only when
-  // no better candidate exists: a match that cannot be carried out (RegexError) fails the query
-  // only when it is reached in that order.
+  // no better candidate exists: a match that cannot be carried out (RegexError), or matching
+  // past the work bound, fails the query only when it is reached in that order.
   std::optional<IntentCandidate> Parse(const std::u16string& query,
                                        std::vector<QueryTag> tags) const;
 
