@@ -15,21 +15,6 @@ constexpr uint32_t kNoKey = UINT32_MAX;
 // Words of a bit set of `keys` keys (at least one, so that every set has a first word).
 size_t KeyWords(size_t keys) { return keys / 64 + 1; }
 
-// The text a query's rule matching may go over: every rewritten query built and every match
-// counts its length. Ordinary queries use a small fraction; a query past it fails.
-class WorkBudget {
- public:
-  explicit WorkBudget(size_t query_length)
-      : left_(kParseWorkBase + kParseWorkPerUnit * query_length) {}
-  void Charge(size_t units) {
-    if (units > left_) throw Error("rule matching went past its bound for this query");
-    left_ -= units;
-  }
-
- private:
-  size_t left_;
-};
-
 // Negative, zero or positive as tag `a` comes before, with or after `b` of `query` in tag
 // order: by vocabulary name (byte-wise, as the positions of the names are), then by text.
 int CompareTags(const QueryTag& a, const QueryTag& b, std::u16string_view query) {
@@ -280,27 +265,50 @@ SlotMatch RegexParser::TagSlot(const std::u16string& query, const QueryTag& tag)
                    tag.length};
 }
 
+// One query's rule matching: the rewritten query of the combination at hand, built the first
+// time an intent needs it, and what is left of the query's work bound.
+struct RegexParser::Matching {
+  Matching(const std::u16string& query, const PreparedTags& tags)
+      : query(query), tags(tags), work_left(kParseWorkBase + kParseWorkPerUnit * query.size()) {}
+
+  void Charge(size_t units) {
+    if (units > work_left) throw Error("rule matching went past its bound for this query");
+    work_left -= units;
+  }
+
+  const std::u16string& query;
+  const PreparedTags& tags;
+  size_t work_left;
+  size_t built = SIZE_MAX;  // the combination `subject` holds
+  std::u16string rewritten;
+  RegexSubject subject;
+};
+
+const RegexSubject& RegexParser::SubjectOf(size_t c, Matching* matching) const {
+  if (matching->built != c) {
+    Rewrite(matching->query, matching->tags, c, &matching->rewritten);
+    matching->Charge(matching->rewritten.size());
+    matching->subject.Assign(matching->rewritten);
+    matching->built = c;
+  }
+  return matching->subject;
+}
+
+std::optional<size_t> RegexParser::Match(const Intent& intent, size_t c, Matching* matching) const {
+  const RegexSubject& subject = SubjectOf(c, matching);
+  matching->Charge(subject.size());
+  return MatchingRule(intent, subject);
+}
+
 std::vector<IntentCandidate> RegexParser::ParseAll(const std::u16string& query,
                                                    std::vector<QueryTag> tags) const {
   const PreparedTags prepared = Prepare(query, std::move(tags));
-  WorkBudget budget(query.size());
+  Matching matching(query, prepared);
   std::vector<IntentCandidate> candidates;
-  std::u16string rewritten;
-  RegexSubject subject;
   for (size_t c = 0; c < prepared.combinations.size(); ++c) {
-    // The rewritten query depends only on the combination: built for the first intent that
-    // accepts the combination and reused for the others.
-    bool built = false;
     for (const Intent& intent : intents_) {
       if (!Accepts(intent, prepared, c)) continue;
-      if (!built) {
-        Rewrite(query, prepared, c, &rewritten);
-        budget.Charge(rewritten.size());
-        subject.Assign(rewritten);
-        built = true;
-      }
-      budget.Charge(subject.size());
-      if (MatchingRule(intent, subject).has_value()) {
+      if (Match(intent, c, &matching).has_value()) {
         candidates.push_back(MakeCandidate(query, intent, prepared, c));
       }
     }
@@ -311,30 +319,20 @@ std::vector<IntentCandidate> RegexParser::ParseAll(const std::u16string& query,
 std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
                                                   std::vector<QueryTag> tags) const {
   const PreparedTags prepared = Prepare(query, std::move(tags));
-  WorkBudget budget(query.size());
+  Matching matching(query, prepared);
   const Combinations& combinations = prepared.combinations;
-  std::u16string rewritten;
-  RegexSubject subject;
 
   // A rule that did not compile, or a marker that could not be converted, fails the query
   // whenever the exhaustive search reaches it: for a rule, some combination its intent accepts
   // that no earlier rule of the intent matches; for a marker, any accepted combination holding
-  // its tag. That does not depend on the order of the search, so it is settled first, and the
-  // search below never reaches either.
+  // its tag (rewriting it throws). That does not depend on the order of the search, so it is
+  // settled first, and the search below never reaches either.
   if (any_broken_rule_ || any_unconvertible_key_) {
     for (size_t c = 0; c < combinations.size(); ++c) {
-      bool built = false;
       for (const Intent& intent : intents_) {
         if (!Accepts(intent, prepared, c)) continue;
-        if (!built) {
-          Rewrite(query, prepared, c, &rewritten);
-          budget.Charge(rewritten.size());
-          subject.Assign(rewritten);
-          built = true;
-        }
-        if (intent.broken.empty()) continue;
-        budget.Charge(subject.size());
-        MatchingRule(intent, subject);
+        SubjectOf(c, &matching);
+        if (!intent.broken.empty()) Match(intent, c, &matching);
       }
     }
   }
@@ -359,17 +357,9 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
     std::pop_heap(order.begin(), order.end(), after);
     const auto c = static_cast<uint32_t>(order.back().index);
     order.pop_back();
-    bool built = false;
     for (const Intent& intent : intents_) {
       if (!Accepts(intent, prepared, c)) continue;
-      if (!built) {
-        Rewrite(query, prepared, c, &rewritten);
-        budget.Charge(rewritten.size());
-        subject.Assign(rewritten);
-        built = true;
-      }
-      budget.Charge(subject.size());
-      if (MatchingRule(intent, subject).has_value()) {
+      if (Match(intent, c, &matching).has_value()) {
         return MakeCandidate(query, intent, prepared, c);
       }
     }

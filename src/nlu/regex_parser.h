@@ -108,6 +108,12 @@ class RegexParser {
   static std::optional<size_t> MatchingRule(const Intent& intent, const RegexSubject& subject);
 
   struct PreparedTags;
+  struct Matching;
+
+  // The rewritten query of combination `c`, built unless `matching` holds it already.
+  const RegexSubject& SubjectOf(size_t c, Matching* matching) const;
+  // MatchingRule over combination `c`'s rewritten query, counted against the work bound.
+  std::optional<size_t> Match(const Intent& intent, size_t c, Matching* matching) const;
 
   PreparedTags Prepare(std::u16string_view query, std::vector<QueryTag> tags) const;
   // True when `intent` accepts every tag of combination `c` of `tags`.
