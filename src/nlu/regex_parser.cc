@@ -343,6 +343,11 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
   std::vector<CandidateScore> order;
   order.reserve(combinations.size());
   for (uint32_t c = 0; c < combinations.size(); ++c) {
+    // A combination that no intent accepts gives no candidate.
+    if (std::none_of(intents_.begin(), intents_.end(),
+                     [&](const Intent& intent) { return Accepts(intent, prepared, c); })) {
+      continue;
+    }
     uint32_t total = 0;
     for (const uint32_t* t = combinations.begin(c); t != combinations.end(c); ++t) {
       total += static_cast<uint32_t>(prepared.tags[*t].length);
