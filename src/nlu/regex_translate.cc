@@ -631,15 +631,14 @@ class Parser {
   }
 
   size_t SetNode(const UnitSet& units) {
+    // Runs of members, found a word at a time: sets span all 65,536 units.
     std::vector<std::pair<char16_t, char16_t>> ranges;
-    for (size_t c = 0; c < units.size();) {
-      if (!units[c]) {
-        ++c;
-        continue;
-      }
-      const size_t first = c;
-      while (c < units.size() && units[c]) ++c;
-      ranges.emplace_back(static_cast<char16_t>(first), static_cast<char16_t>(c - 1));
+    const UnitSet gaps = ~units;
+    for (size_t first = units._Find_first(); first < units.size();) {
+      const size_t end = gaps._Find_next(first);  // units.size() when the run reaches the end
+      ranges.emplace_back(static_cast<char16_t>(first), static_cast<char16_t>(end - 1));
+      if (end >= units.size()) break;
+      first = units._Find_next(end);
     }
     sets_.push_back(std::move(ranges));
     const size_t node = Leaf(Node::kSet);
