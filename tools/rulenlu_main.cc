@@ -144,7 +144,7 @@ int RunParse(const ParseOptions& options) {
   static rulenlu::devhost::DevHost* host = new rulenlu::devhost::DevHost(options.state);
   AttachServiceManager(host->manager());
   InitEngin(options.config.c_str());
-  const bool loaded = rulenlu::CurrentEngine() != nullptr;
+  const bool loaded = rulenlu::EngineReader().engine() != nullptr;
   bool written = true;
   if (loaded) {
     written = RunQueries(options.queries, [](const std::string& query) {
