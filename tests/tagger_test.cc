@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -97,6 +98,92 @@ TEST(Tagger, ExpandsOnlyCompleteVariableReferences) {
   EXPECT_EQ(replace(u"${a}b} ${dollar}{b}"), u"1b} 22");
   const std::u16string filler(5000, u'x');  // length is no limit
   EXPECT_EQ(replace(filler + u"${a}" + filler + u"${b}"), filler + u"1" + filler + u"22");
+}
+
+TEST(Tagger, ExpansionStopsPastThePatternLengthLimit) {
+  // 30 variables, each twice the one before: fully expanded, the last would be 44 GiB.
+  Variables doubling = {{"v0", std::u16string(44, u'a')}};
+  for (int i = 1; i < 30; ++i) {
+    const std::u16string previous = u"${v" + Utf8ToUtf16(std::to_string(i - 1)) + u"}";
+    doubling.emplace_back("v" + std::to_string(i), previous + previous);
+  }
+  const std::u16string limit_x(kMaxRegexPatternLength - 2, u'x');
+  const std::string kept = "new regex:" + std::string(kMaxRegexPatternLength - 2, 'x') + "|a\n";
+  // variables, regex vocabularies, log after the marker line, tags of "1 a".
+  const std::vector<std::tuple<Variables, RegexVocabularies, std::string, std::string>> cases = {
+      // v6 is 44 * 64 = 2816 units: v7 would be 5632. Every regex vocabulary is left out.
+      {doubling,
+       {{"r", {u"${v29}"}}},
+       "variable expansion too long: ${v6} in variable v7 exceeds 4096 units\n",
+       "w=1@0+1"},
+      // A pattern may be expanded to the limit, not beyond.
+      {{{"x", limit_x}},
+       {{"r", {u"${x}|a"}}},
+       kept + "pattern:" + kept.substr(10),
+       "w=1@0+1 r=a@2+1"},
+      {{{"x", limit_x}},
+       {{"r", {u"${x}|ab"}}},
+       "variable expansion too long: ${x} in regex vocabulary r exceeds 4096 units\n"
+       "new regex:\n",
+       "w=1@0+1"}};
+  for (const auto& [variables, patterns, log, tags] : cases) {
+    LogCapture cap;
+    const Tagger tagger({{"w", {u"1"}}}, patterns, variables);
+    EXPECT_EQ(cap.out(), "3333333333333333333333333\n" + log);
+    EXPECT_EQ(Tags(tagger, "1 a"), tags);
+  }
+}
+
+TEST(Tagger, RefusesQueriesPastTheTagAndLookupBounds) {
+  const size_t length = 2048;
+  const std::u16string query(length, u'a');
+  // Dictionary tags of `query` for every prefix a, aa, ... of `prefixes` units.
+  auto prefix_tags = [&](size_t prefixes) {
+    size_t count = 0;
+    for (size_t start = 0; start < length; ++start) count += std::min(prefixes, length - start);
+    return count;
+  };
+  // The number of tags of `query` with words `words` and regex vocabulary patterns `patterns`,
+  // or nothing when it is refused.
+  auto count_tags = [&](const std::set<std::u16string>& words,
+                        const std::vector<std::u16string>& patterns) -> std::optional<size_t> {
+    LogCapture cap;
+    RegexVocabularies regex_vocabularies;
+    if (!patterns.empty()) regex_vocabularies["r"] = patterns;
+    const Tagger tagger({{"w", words}}, regex_vocabularies, {});
+    try {
+      return tagger.Tag(query).size();
+    } catch (const Error&) {
+      return std::nullopt;
+    }
+  };
+  auto prefixes = [](size_t n) {
+    std::set<std::u16string> words;
+    for (size_t k = 1; k <= n; ++k) words.insert(std::u16string(k, u'a'));
+    return words;
+  };
+  ASSERT_LE(prefix_tags(32), kMaxQueryTags);
+  ASSERT_GT(prefix_tags(33), kMaxQueryTags);
+  ASSERT_LE(prefix_tags(31) + length, kMaxQueryTags);
+  ASSERT_GT(prefix_tags(32) + length, kMaxQueryTags);
+  // words, regex patterns, the tag count expected, or nothing when refused.
+  const std::vector<
+      std::tuple<std::set<std::u16string>, std::vector<std::u16string>, std::optional<size_t>>>
+      cases = {{prefixes(32), {}, prefix_tags(32)},
+               {prefixes(33), {}, std::nullopt},
+               // Every prefix of the query: two million tags, refused.
+               {prefixes(length), {}, std::nullopt},
+               // Regex tags count too.
+               {prefixes(31), {u"a"}, prefix_tags(31) + length},
+               {prefixes(32), {u"a"}, std::nullopt},
+               // No tag at all, but a word followed 512 units from every start: 0.9 M units read;
+               // at 1024 units, 1.6 M.
+               {{std::u16string(511, u'a') + u"b"}, {}, 0},
+               {{std::u16string(1023, u'a') + u"b"}, {}, std::nullopt}};
+  for (const auto& [words, patterns, expected] : cases) {
+    EXPECT_EQ(count_tags(words, patterns), expected)
+        << words.size() << " words, longest " << words.rbegin()->size();
+  }
 }
 
 TEST(Tagger, FindsRegexMatchesInUtf16UnitsOnAnyThread) {

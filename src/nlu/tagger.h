@@ -22,6 +22,18 @@ namespace rulenlu {
 // The longest query, in UTF-16 units, that the engine answers.
 inline constexpr size_t kMaxQueryLength = kMaxRegexSubjectLength;
 
+// The most tags a query may have, dictionary and regex tags together (768 KiB of tags). An
+// ordinary query has a few per word; only vocabularies whose words overlap heavily, such as
+// every prefix of one long word, come near. The parser's work grows with the number of tags, so
+// this bound also bounds its work per query, whatever the longest query.
+inline constexpr size_t kMaxQueryTags = size_t{1} << 16;
+
+// The most units of the query that the dictionary lookup may read, over all start positions
+// together: one per start position, plus one for each further unit of a word being followed.
+// Bounds the lookup's time when words share long prefixes with the query: an ordinary query
+// needs one to a few units per start position, while this allows 512 at the longest query.
+inline constexpr size_t kMaxDictionaryWork = size_t{1} << 20;
+
 // One piece of a query that a vocabulary or regex vocabulary recognised.
 struct QueryTag {
   uint32_t vocab;  // position of the vocabulary's name in Tagger::vocab_names()
@@ -38,7 +50,9 @@ class Tagger {
   // two entries with one name the first wins (both must expand). A reference ${name} is
   // complete when it stands on one line. A failed expansion (a reference to no variable, an
   // empty result) is silent: no regex vocabulary is compiled and only the plain vocabularies
-  // tag. Throws RegexError when an expanded pattern does not compile, and ConversionError when a
+  // tag. So is one that would make a value or pattern longer than kMaxRegexPatternLength, except
+  // that it logs "variable expansion too long:" naming the variable and what it was expanded in.
+  // Throws RegexError when an expanded pattern does not compile, and ConversionError when a
   // variable name or pattern is not convertible between UTF-8 and UTF-16.
   Tagger(const std::map<std::string, std::set<std::u16string>>& vocab_map,
          std::map<std::string, std::vector<std::u16string>> regex_vocab_map,
@@ -53,8 +67,9 @@ class Tagger {
 
   // Returns all dictionary tags of `query`, ordered by vocabulary name, start and length,
   // followed by all regex tags, ordered by regex vocabulary name, pattern and match position.
-  // Throws Error when the query is longer than kMaxQueryLength, and RegexError when a pattern
-  // cannot be run or matches empty text.
+  // Throws Error when the query is longer than kMaxQueryLength, has more than kMaxQueryTags tags
+  // or needs more than kMaxDictionaryWork units of lookup, and RegexError when a pattern cannot
+  // be run or matches empty text.
   std::vector<QueryTag> Tag(const std::u16string& query) const;
 
   // `tag` of `query` as a record of its own: vocabulary name, text, start and length.
