@@ -107,8 +107,9 @@ TEST(Tagger, ExpansionStopsPastThePatternLengthLimit) {
     const std::u16string previous = u"${v" + Utf8ToUtf16(std::to_string(i - 1)) + u"}";
     doubling.emplace_back("v" + std::to_string(i), previous + previous);
   }
-  const std::u16string limit_x(kMaxRegexPatternLength - 2, u'x');
-  const std::string kept = "new regex:" + std::string(kMaxRegexPatternLength - 2, 'x') + "|a\n";
+  // A bracket expression: a pattern of one atom, however long.
+  const std::u16string limit_x = u"[" + std::u16string(kMaxRegexPatternLength - 4, u'x') + u"]";
+  const std::string kept = "new regex:[" + std::string(kMaxRegexPatternLength - 4, 'x') + "]|a\n";
   // variables, regex vocabularies, log after the marker line, tags of "1 a".
   const std::vector<std::tuple<Variables, RegexVocabularies, std::string, std::string>> cases = {
       // v6 is 44 * 64 = 2816 units: v7 would be 5632. Every regex vocabulary is left out.
