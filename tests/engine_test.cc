@@ -143,6 +143,34 @@ TEST(NluEngine, RejectsQueriesTooLongToMatch) {
   EXPECT_EQ(capture.err(), "tagger process exception!\n");
 }
 
+TEST(NluEngine, HostileConfigurationsStartAndHostileQueriesFailInTheTagger) {
+  // Every prefix a ... a^2048 as one vocabulary; 30 variables, each twice the one before.
+  std::string words = "\"a\"";
+  for (int n = 2; n <= 2048; ++n) words += ", \"" + std::string(n, 'a') + "\"";
+  std::string variables = R"({"key": "v0", "value": "0123456789"})";
+  for (int i = 1; i < 30; ++i) {
+    const std::string previous = "${v" + std::to_string(i - 1) + "}";
+    variables +=
+        R"(, {"key": "v)" + std::to_string(i) + R"(", "value": ")" + previous + previous + "\"}";
+  }
+  LogCapture capture;
+  auto engine = BuildEngine(R"({"version": 5, "variableEntrys": [)" + variables +
+                            R"(], "regexVocabMap": {"r": ["${v29}"]}, "vocabMap": {"a": [)" +
+                            words + R"(]}, "intentMap": {"p": {"slots": [{"tag": "a"}],
+                            "regexRules": ["(<a>)+"]}}})");
+  ASSERT_NE(engine, nullptr);
+  EXPECT_EQ(capture.out(),
+            "NluEngine: start tagger init\n3333333333333333333333333\n"
+            "variable expansion too long: ${v8} in variable v9 exceeds 4096 units\n"
+            "NluEngine: start parser init\n");
+  // 2,080 tags: answered by the longest one.
+  const std::string a64(64, 'a');
+  EXPECT_EQ(Dump(engine->Process(a64)), "5|p|" + a64 + "|a=" + a64 + "@0+64;");
+  // Two million tags: refused past the bound.
+  EXPECT_EQ(engine->Understand(std::string(2048, 'a')).status, kStatusTaggerFailed);
+  EXPECT_EQ(capture.err(), "tagger process exception!\n");
+}
+
 TEST(NluEngine, AnswersTheSameFromManyThreads) {
   auto engine = BuildEngine(kCallConfig);
   const std::vector<std::string> queries = {"call Tom",
