@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs what the project needs, builds everything and runs every test.
+# Installs what the project needs, builds everything and runs every test; then the tests under
+# the sanitizers and a short run of each fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/setup.sh
@@ -7,3 +8,5 @@ cd "$(dirname "$0")/.."
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j "$(nproc)"
 ctest --test-dir build --output-on-failure --timeout 300 -j "$(nproc)"
+./scripts/sanitize.sh
+./scripts/fuzz.sh 20

@@ -150,6 +150,58 @@ TEST_F(DevHostTest, KeyValuesAreWholeRawFilesUnderDistinctNames) {
   EXPECT_EQ(std::distance(fs::directory_iterator(Path("kv")), {}), cases.size() + 2);
 }
 
+TEST_F(DevHostTest, OpeningTheStoreRemovesTemporariesOfInterruptedWrites) {
+  host_.reset();
+  fs::create_directories(Path("kv"));
+  // File name, and whether it is an entry that stays: temporaries hold '~', which entry names
+  // always escape.
+  const std::vector<std::pair<std::string, bool>> files = {
+      {"entry", true},         {"entry~Xy12ab", false}, {"%7Et", true},          {"~", false},
+      {"a%7Eb~123456", false}, {"n%00l", true},         {"%7E%7E~Q0aZ9z", false}};
+  for (const auto& [name, stays] : files) std::ofstream(Path("kv/" + name)) << name;
+  LogCapture log;
+  host_ = std::make_unique<DevHost>(dir_);
+  std::vector<std::string> left;
+  for (const auto& entry : fs::directory_iterator(Path("kv"))) {
+    left.push_back(entry.path().filename().string());
+  }
+  std::vector<std::string> expected;
+  for (const auto& [name, stays] : files) {
+    if (stays) expected.push_back(name);
+  }
+  EXPECT_THAT(left, testing::UnorderedElementsAreArray(expected));
+  const auto kv =
+      Lookup<cp::StorageServiceInterface>(*host_, cp::StorageServiceInterface::kServiceName)
+          ->GetKvStorage();
+  EXPECT_EQ(kv->Read("~t"), "%7Et");
+  EXPECT_EQ(log.err(), "");
+}
+
+TEST_F(DevHostTest, StoreLogsItsOwnFailuresOnStderr) {
+  const auto kv =
+      Lookup<cp::StorageServiceInterface>(*host_, cp::StorageServiceInterface::kServiceName)
+          ->GetKvStorage();
+  std::ofstream(Path("plain")) << "not a directory";
+  fs::create_directories(Path("kv/dir"));
+  LogCapture log;
+  EXPECT_EQ(kv->Read("absent"), "");  // an entry never written is no failure
+  EXPECT_EQ(log.err(), "");
+  EXPECT_EQ(kv->Read("dir"), "");
+  EXPECT_FALSE(kv->Write("dir", "x"));
+  // A host whose state directory is a file cannot list, create or read its store.
+  DevHost broken(Path("plain"));
+  const auto broken_kv =
+      Lookup<cp::StorageServiceInterface>(broken, cp::StorageServiceInterface::kServiceName)
+          ->GetKvStorage();
+  EXPECT_FALSE(broken_kv->Write("k", "v"));
+  EXPECT_THAT(log.err(),
+              testing::MatchesRegex("devhost: cannot read .*/kv/dir: Is a directory\n"
+                                    "devhost: cannot rename onto .*/kv/dir: Is a directory\n"
+                                    "devhost: cannot list .*/plain/kv: .*\n"
+                                    "devhost: cannot create .*/plain/kv: .*\n"));
+  EXPECT_EQ(log.out(), "");
+}
+
 TEST_F(DevHostTest, GrayValuesComeFromTheFileAtEachLookup) {
   const auto gray =
       Lookup<cp::GrayServiceInterface>(*host_, cp::GrayServiceInterface::kServiceName);

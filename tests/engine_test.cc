@@ -135,11 +135,70 @@ TEST(NluEngine, EveryStageFailureGivesTheEmptyResult) {
   }
 }
 
-TEST(NluEngine, RejectsQueriesTooLongToMatch) {
-  auto engine = BuildEngine(kCallConfig);
+// Queries of any length get their answer, and no pattern or rule makes a query hang: each one
+// ends with an answer or with its stage's failure (time is bounded by the test's timeout).
+TEST(NluEngine, AnswersLongQueriesAndEndsHostileMatches) {
   LogCapture capture;
-  const std::string long_query = "call Tom " + std::string(4000, 'x');
-  EXPECT_EQ(Dump(engine->Process(long_query)), "0|||");
+  std::string words;  // a megabyte of words, the last two a call
+  while (words.size() < 1000000) words += "Tom Anna ";
+  words += "call Tom";
+  auto engine = BuildEngine(kCallConfig);
+  const PipelineOutcome long_query = engine->Understand(words);
+  EXPECT_EQ(long_query.status, kStatusOk);
+  EXPECT_EQ(long_query.candidate.intent, "unknown");
+  EXPECT_EQ(Dump(engine->Process("call Tom " + std::string(100000, '7'))),
+            "42|unknown|call Tom " + std::string(100000, '7') + "|");
+
+  const std::string a30(30, 'a');
+  // A regex vocabulary or a rule that backtracks catastrophically in a naive matcher, the query
+  // it meets, and what the query ends with: no answer is lost to a hang.
+  const struct {
+    std::string pattern, rule, query;
+    int status;
+  } cases[] = {
+      {"(a+)+b", "<r>", a30, kStatusOk},
+      {"^(a|a?)+$", "<r>", a30, kStatusOk},
+      {"(.*)+b", "<r>", a30, kStatusOk},
+      {"x", "((<w>)*)*<w>b", a30, kStatusOk},
+      {"x", "(<w>|(<w>)?)+c", a30, kStatusOk},
+      // A repeat too large for the matcher does not compile: the rule fails when reached.
+      {"x", "<w>(a?){13000}", "a", kStatusParserFailed},
+  };
+  for (const auto& c : cases) {
+    auto hostile = BuildEngine(R"({"regexVocabMap": {"r": [")" + c.pattern +
+                               R"("]}, "vocabMap": {"w": ["a"]}, "intentMap": {"i": {"slots": )"
+                               R"([{"tag": "r"}, {"tag": "w"}], "regexRules": [")" +
+                               c.rule + R"("]}}})");
+    ASSERT_NE(hostile, nullptr) << c.pattern;
+    EXPECT_EQ(hostile->Understand(c.query).status, c.status) << c.pattern << " " << c.rule;
+  }
+}
+
+TEST(NluEngine, HostileConfigurationsStartAndHostileQueriesFailInTheTagger) {
+  // Every prefix a ... a^2048 as one vocabulary; 30 variables, each twice the one before.
+  std::string words = "\"a\"";
+  for (int n = 2; n <= 2048; ++n) words += ", \"" + std::string(n, 'a') + "\"";
+  std::string variables = R"({"key": "v0", "value": "0123456789"})";
+  for (int i = 1; i < 30; ++i) {
+    const std::string previous = "${v" + std::to_string(i - 1) + "}";
+    variables +=
+        R"(, {"key": "v)" + std::to_string(i) + R"(", "value": ")" + previous + previous + "\"}";
+  }
+  LogCapture capture;
+  auto engine = BuildEngine(R"({"version": 5, "variableEntrys": [)" + variables +
+                            R"(], "regexVocabMap": {"r": ["${v29}"]}, "vocabMap": {"a": [)" +
+                            words + R"(]}, "intentMap": {"p": {"slots": [{"tag": "a"}],
+                            "regexRules": ["(<a>)+"]}}})");
+  ASSERT_NE(engine, nullptr);
+  EXPECT_EQ(capture.out(),
+            "NluEngine: start tagger init\n3333333333333333333333333\n"
+            "variable expansion too long: ${v8} in variable v9 exceeds 4096 units\n"
+            "NluEngine: start parser init\n");
+  // 2,080 tags: answered by the longest one.
+  const std::string a64(64, 'a');
+  EXPECT_EQ(Dump(engine->Process(a64)), "5|p|" + a64 + "|a=" + a64 + "@0+64;");
+  // Two million tags: refused past the bound.
+  EXPECT_EQ(engine->Understand(std::string(2048, 'a')).status, kStatusTaggerFailed);
   EXPECT_EQ(capture.err(), "tagger process exception!\n");
 }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -99,21 +100,107 @@ TEST(Tagger, ExpandsOnlyCompleteVariableReferences) {
   EXPECT_EQ(replace(filler + u"${a}" + filler + u"${b}"), filler + u"1" + filler + u"22");
 }
 
+TEST(Tagger, ExpansionStopsPastThePatternLengthLimit) {
+  // 30 variables, each twice the one before: fully expanded, the last would be 44 GiB.
+  Variables doubling = {{"v0", std::u16string(44, u'a')}};
+  for (int i = 1; i < 30; ++i) {
+    const std::u16string previous = u"${v" + Utf8ToUtf16(std::to_string(i - 1)) + u"}";
+    doubling.emplace_back("v" + std::to_string(i), previous + previous);
+  }
+  // A bracket expression: a pattern of one atom, however long.
+  const std::u16string limit_x = u"[" + std::u16string(kMaxRegexPatternLength - 4, u'x') + u"]";
+  const std::string kept = "new regex:[" + std::string(kMaxRegexPatternLength - 4, 'x') + "]|a\n";
+  // variables, regex vocabularies, log after the marker line, tags of "1 a".
+  const std::vector<std::tuple<Variables, RegexVocabularies, std::string, std::string>> cases = {
+      // v6 is 44 * 64 = 2816 units: v7 would be 5632. Every regex vocabulary is left out.
+      {doubling,
+       {{"r", {u"${v29}"}}},
+       "variable expansion too long: ${v6} in variable v7 exceeds 4096 units\n",
+       "w=1@0+1"},
+      // A pattern may be expanded to the limit, not beyond.
+      {{{"x", limit_x}},
+       {{"r", {u"${x}|a"}}},
+       kept + "pattern:" + kept.substr(10),
+       "w=1@0+1 r=a@2+1"},
+      {{{"x", limit_x}},
+       {{"r", {u"${x}|ab"}}},
+       "variable expansion too long: ${x} in regex vocabulary r exceeds 4096 units\n"
+       "new regex:\n",
+       "w=1@0+1"}};
+  for (const auto& [variables, patterns, log, tags] : cases) {
+    LogCapture cap;
+    const Tagger tagger({{"w", {u"1"}}}, patterns, variables);
+    EXPECT_EQ(cap.out(), "3333333333333333333333333\n" + log);
+    EXPECT_EQ(Tags(tagger, "1 a"), tags);
+  }
+}
+
+TEST(Tagger, RefusesQueriesPastTheTagAndLookupBounds) {
+  const size_t length = 2048;
+  const std::u16string query(length, u'a');
+  // Dictionary tags of `query` for every prefix a, aa, ... of `prefixes` units.
+  auto prefix_tags = [&](size_t prefixes) {
+    size_t count = 0;
+    for (size_t start = 0; start < length; ++start) count += std::min(prefixes, length - start);
+    return count;
+  };
+  // The number of tags of `query` with words `words` and regex vocabulary patterns `patterns`,
+  // or nothing when it is refused.
+  auto count_tags = [&](const std::set<std::u16string>& words,
+                        const std::vector<std::u16string>& patterns) -> std::optional<size_t> {
+    LogCapture cap;
+    RegexVocabularies regex_vocabularies;
+    if (!patterns.empty()) regex_vocabularies["r"] = patterns;
+    const Tagger tagger({{"w", words}}, regex_vocabularies, {});
+    try {
+      return tagger.Tag(query).size();
+    } catch (const Error&) {
+      return std::nullopt;
+    }
+  };
+  auto prefixes = [](size_t n) {
+    std::set<std::u16string> words;
+    for (size_t k = 1; k <= n; ++k) words.insert(std::u16string(k, u'a'));
+    return words;
+  };
+  // The most prefixes whose tags fit the bound, alone and with one regex tag per unit.
+  const size_t bound = MaxQueryTags(length);
+  size_t fit = 1, fit_with_regex = 1;
+  while (prefix_tags(fit + 1) <= bound) ++fit;
+  while (prefix_tags(fit_with_regex + 1) + length <= bound) ++fit_with_regex;
+  // words, regex patterns, the tag count expected, or nothing when refused.
+  const std::vector<
+      std::tuple<std::set<std::u16string>, std::vector<std::u16string>, std::optional<size_t>>>
+      cases = {{prefixes(fit), {}, prefix_tags(fit)},
+               {prefixes(fit + 1), {}, std::nullopt},
+               // Every prefix of the query: two million tags, refused.
+               {prefixes(length), {}, std::nullopt},
+               // Regex tags count too.
+               {prefixes(fit_with_regex), {u"a"}, prefix_tags(fit_with_regex) + length},
+               {prefixes(fit_with_regex + 1), {u"a"}, std::nullopt},
+               // No tag at all, but a word followed 512 units from every start: 0.9 M units read;
+               // at 1024 units, 1.6 M.
+               {{std::u16string(511, u'a') + u"b"}, {}, 0},
+               {{std::u16string(1023, u'a') + u"b"}, {}, std::nullopt}};
+  for (const auto& [words, patterns, expected] : cases) {
+    EXPECT_EQ(count_tags(words, patterns), expected)
+        << words.size() << " words, longest " << words.rbegin()->size();
+  }
+}
+
 TEST(Tagger, FindsRegexMatchesInUtf16UnitsOnAnyThread) {
   LogCapture cap;
   // clang-format off
   const Tagger tagger({{"w", {u"ab", u"\U0001F600"}}}, {{"any", {u"b|x"}}, {"pair", {u"aa", u"(a)(a)a"}},
                       {"start", {u"^a"}}, {"word", {u"\\bab"}}}, {});
-  const std::string too_long(kMaxRegexSubjectLength + 1, 'a');
   // Matches of one pattern never overlap; a search resumed mid-query still sees the whole query
   // (^ only at its start, \b looks at the unit before); a byte-order mark is a character; the
-  // Queries too long for a regex fail.
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"aaaaa", "pair=aa@0+2 pair=aa@2+2 pair=aaa@0+3 start=a@0+1"},
       {"abab ab", "w=ab@0+2 w=ab@2+2 w=ab@5+2 any=b@1+1 any=b@3+1 any=b@6+1 start=a@0+1 "
                   "word=ab@0+2 word=ab@5+2"},
       {"\xEF\xBB\xBF\xF0\x9F\x98\x80xab", "w=\xF0\x9F\x98\x80@1+2 w=ab@4+2 any=x@3+1 any=b@5+1"},
-      {"", ""}, {too_long, "failed"}};
+      {"", ""}};
   // clang-format on
   for (const auto& [query, tags] : cases) EXPECT_EQ(Tags(tagger, query), tags);
   EXPECT_EQ(cap.err(), "");
@@ -148,9 +235,8 @@ TEST(Tagger, DictionaryTagsAgreeWithBruteForce) {
     const Tagger tagger(vocabularies, {}, {});
     for (int q = 0; q < 10; ++q) {
       std::u16string query = text(24);
-      // Now and then a query of the longest length answered.
-      while (q == 0 && round % 10 == 0 && query.size() < kMaxQueryLength) query += text(24);
-      query.resize(std::min(query.size(), kMaxQueryLength));
+      // Now and then a longer query.
+      while (q == 0 && round % 10 == 0 && query.size() < 2048) query += text(24);
       if (query.size() > 0 && query.back() >= 0xD800 && query.back() <= 0xDBFF) query.pop_back();
       std::vector<SlotMatch> expected;  // by vocabulary name, start, length (words <= 8 units)
       for (const auto& [name, words] : vocabularies) {
@@ -165,9 +251,11 @@ TEST(Tagger, DictionaryTagsAgreeWithBruteForce) {
       ASSERT_EQ(Tags(tagger, Utf16ToUtf8(query)), DumpTags(expected)) << "round " << round;
     }
   }
-  // One unit more is refused, even without regex vocabularies.
+  // Queries have no length limit: a million units of words are tagged.
+  std::u16string million;
+  while (million.size() < 1000000) million += u"a ";
   const Tagger tagger({{"v", {u"a"}}}, {}, {});
-  EXPECT_EQ(Tags(tagger, std::string(kMaxQueryLength + 1, 'a')), "failed");
+  EXPECT_EQ(tagger.Tag(million).size(), million.size() / 2);
 }
 
 }  // namespace

@@ -281,11 +281,14 @@ class Checker {
   std::optional<std::u16string> Expand(const std::u16string& text, const Member& at,
                                        const std::string& item,
                                        const std::vector<std::string>& order, size_t v) {
-    std::string unknown;
-    std::optional<std::u16string> expansion = ExpandVariables(text, expanded_, &unknown);
+    ExpansionFailure failure;
+    std::optional<std::u16string> expansion = ExpandVariables(text, expanded_, &failure);
     if (expansion) return expansion;
+    const std::string& unknown = failure.variable;
     std::string why = "which is not defined";
-    if (failed_variables_.count(unknown) != 0) {
+    if (failure.too_long) {
+      why = "whose value makes it longer than " + std::to_string(kMaxRegexPatternLength) + " units";
+    } else if (failed_variables_.count(unknown) != 0) {
       why = "whose own value does not expand";
     } else if (std::find(order.begin() + static_cast<ptrdiff_t>(std::min(v, order.size())),
                          order.end(), unknown) != order.end()) {

@@ -56,7 +56,7 @@ int RunParse(const ParseOptions& options) {
   static devhost::DevHost* host = new devhost::DevHost(options.state);
   AttachServiceManager(host->manager());
   InitEngin(options.config.c_str());
-  const bool loaded = CurrentEngine() != nullptr;
+  const bool loaded = EngineReader().engine() != nullptr;
   bool written = true;
   if (loaded) {
     written = RunQueries(options.queries, [](const std::string& query) {

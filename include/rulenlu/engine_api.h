@@ -5,8 +5,12 @@
 // then Process any number of times. BuildEngin builds an engine from a configuration held in
 // memory instead of a file, and stands apart from the services.
 //
-// Threading: Process may run on any number of threads at once; the engine is read-only after
-// it is built. InitEngin and BuildEngin must not run while another thread calls Process.
+// Threading: Process may run on any number of threads at once, also while InitEngin or
+// BuildEngin runs on another thread. Each query is answered whole by one engine: the one that
+// was current when the query began. An engine that InitEngin or BuildEngin replaces is destroyed
+// as soon as no query still uses it; Process never waits for a lock, while InitEngin and
+// BuildEngin wait, before they return, for the queries still running on the engine they
+// replaced. InitEngin and BuildEngin are called one at a time, never from inside Process.
 //
 // The records hold standard-library containers that cross the boundary: the host and the
 // library must be built with the same standard library.

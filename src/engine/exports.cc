@@ -50,7 +50,7 @@ void InitEngine(const char* path) {
   std::unique_ptr<NluEngine> engine = BuildSelectedEngine(std::move(*selection), local_path);
   if (engine == nullptr) return;
   const int64_t running = engine->version();
-  PublishEngine(engine.release());
+  PublishEngine(std::move(engine));
   try {
     StartRemoteConfigUpdate(running);
   } catch (const std::system_error& e) {
@@ -94,7 +94,7 @@ void BuildEngin(const Utf8NluConfig* config) {
   }
   // The engine matches on UTF-16 units, whatever the compiler's wchar_t is.
   rulenlu::LogLine(rulenlu::LogStream::kStdout, {"sizeof wchar_t:", "2"});
-  rulenlu::PublishEngine(engine.release());
+  rulenlu::PublishEngine(std::move(engine));
 }
 
 void Process(const std::string& query, NluResult& result) {
@@ -102,8 +102,10 @@ void Process(const std::string& query, NluResult& result) {
   // Never throws: a stage's failure is already the empty result; anything else is a defect,
   // logged, and the host still gets the empty result.
   try {
-    if (const rulenlu::NluEngine* engine = rulenlu::CurrentEngine())
-      answer = engine->Process(query);
+    // Holds the engine, which a concurrent InitEngin or BuildEngin may be replacing, until the
+    // answer is made.
+    const rulenlu::EngineReader reader;
+    if (const rulenlu::NluEngine* engine = reader.engine()) answer = engine->Process(query);
   } catch (const std::exception& e) {
     rulenlu::LogLine(rulenlu::LogStream::kStderr, {"process failed: ", e.what()});
     answer = NluResult{};

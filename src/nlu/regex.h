@@ -49,8 +49,6 @@ inline constexpr size_t kMaxRegexPatternLength = 4096;
 inline constexpr size_t kMaxRegexNesting = 256;
 inline constexpr uint64_t kRegexStepBase = 100000;
 inline constexpr uint64_t kRegexStepsPerUnit = 4;
-// Longest query the tagger takes; no longer a bound of matching itself.
-inline constexpr size_t kMaxRegexSubjectLength = 2048;
 
 // Raised when a pattern does not compile or a match cannot be carried out.
 class RegexError : public Error {

@@ -48,7 +48,7 @@ struct ParseTrace {
 // The bound of one query's rule matching, in UTF-16 units of text gone over: every rewritten
 // query built and every match of an intent's rules counts its length. A query past it fails.
 inline constexpr size_t kParseWorkBase = size_t{1} << 22;
-inline constexpr size_t kParseWorkPerUnit = 64;
+inline constexpr size_t kParseWorkPerUnit = 1024;
 
 class RegexParser {
  public:

@@ -1,6 +1,7 @@
 #include "nlu/tagger.h"
 
 #include <algorithm>
+#include <string>
 #include <string_view>
 
 #include "base/error.h"
@@ -17,17 +18,19 @@ bool IsLineTerminator(char16_t unit) {
 // Finds the first variable reference in `text` at or after `from`: "${", the shortest run of
 // units other than line terminators, "}" (the ECMAScript pattern \$\{(.*?)\}). Sets `*start` and
 // `*length` to the whole reference. Scanned by hand rather than with a regex so that a pattern
-// of any length expands without deep recursion.
-bool FindReference(std::u16string_view text, size_t* start, size_t* length) {
-  for (size_t dollar = text.find(u"${"); dollar != std::u16string_view::npos;
-       dollar = text.find(u"${", dollar + 1)) {
-    for (size_t i = dollar + 2; i < text.size() && !IsLineTerminator(text[i]); ++i) {
-      if (text[i] == u'}') {
-        *start = dollar;
-        *length = i + 1 - dollar;
-        return true;
-      }
+// of any length expands without deep recursion, and in one pass: a "${" whose line ends before
+// any "}" cannot begin a reference, and neither can any other "${" before that line's end.
+bool FindReference(std::u16string_view text, size_t from, size_t* start, size_t* length) {
+  for (size_t dollar = text.find(u"${", from); dollar != std::u16string_view::npos;) {
+    size_t i = dollar + 2;
+    while (i < text.size() && text[i] != u'}' && !IsLineTerminator(text[i])) ++i;
+    if (i == text.size()) return false;
+    if (text[i] == u'}') {
+      *start = dollar;
+      *length = i + 1 - dollar;
+      return true;
     }
+    dollar = text.find(u"${", i + 1);
   }
   return false;
 }
@@ -41,15 +44,17 @@ class Tagger::WordTrie {
   explicit WordTrie(const std::map<std::string, std::set<std::u16string>>& vocabularies);
 
   // Calls visit(vocab, length) for every word that `text` begins with, by length and then by
-  // vocabulary; stops reading `text` as soon as no word continues.
+  // vocabulary; stops reading `text` as soon as no word continues. Returns the number of units
+  // read: up to and including the first that no word continues with.
   template <typename Visit>
-  void ForEachPrefix(std::u16string_view text, Visit&& visit) const {
+  size_t ForEachPrefix(std::u16string_view text, Visit&& visit) const {
     uint32_t node = 0;
     for (size_t length = 1; length <= text.size(); ++length) {
       node = Child(node, text[length - 1]);
-      if (node == kNone) return;
+      if (node == kNone) return length;
       for (uint32_t i = first_end_[node]; i < first_end_[node + 1]; ++i) visit(ends_[i], length);
     }
+    return text.size();
   }
 
  private:
@@ -141,19 +146,34 @@ Tagger::WordTrie::WordTrie(const std::map<std::string, std::set<std::u16string>>
 
 namespace {
 
+// `text` expanded, or empty when the expansion fails; an expansion that grows too long is
+// logged, naming the variable and `what` held the reference.
+std::u16string Expand(const std::u16string& text,
+                      const std::map<std::string, std::u16string>& variables,
+                      const std::string& what) {
+  ExpansionFailure failure;
+  std::optional<std::u16string> expanded = ExpandVariables(text, variables, &failure);
+  if (expanded.has_value()) return std::move(*expanded);
+  if (failure.too_long) {
+    LogLine(LogStream::kStdout, {"variable expansion too long: ${", failure.variable, "} in ", what,
+                                 " exceeds ", std::to_string(kMaxRegexPatternLength), " units"});
+  }
+  return std::u16string();
+}
+
 // Expands the variables in list order, then every regex vocabulary pattern in place, logging
 // "new regex:" with each expansion. Returns false as soon as an expansion comes out empty.
 bool SubstituteVariables(const std::vector<std::pair<std::string, std::u16string>>& entries,
                          std::map<std::string, std::vector<std::u16string>>* regex_vocab_map) {
   std::map<std::string, std::u16string> variables;
   for (const auto& [name, value] : entries) {
-    std::u16string expanded = ExpandVariables(value, variables).value_or(std::u16string());
+    std::u16string expanded = Expand(value, variables, "variable " + name);
     if (expanded.empty()) return false;
     variables.emplace(name, std::move(expanded));  // an earlier entry of the same name wins
   }
   for (auto& [name, patterns] : *regex_vocab_map) {
     for (std::u16string& pattern : patterns) {
-      std::u16string expanded = ExpandVariables(pattern, variables).value_or(std::u16string());
+      std::u16string expanded = Expand(pattern, variables, "regex vocabulary " + name);
       LogLine(LogStream::kStdout, {"new regex:", Utf16ToUtf8(expanded)});
       if (expanded.empty()) return false;
       pattern = std::move(expanded);
@@ -166,15 +186,19 @@ bool SubstituteVariables(const std::vector<std::pair<std::string, std::u16string
 
 std::optional<std::u16string> ExpandVariables(
     std::u16string text, const std::map<std::string, std::u16string>& variables,
-    std::string* unknown) {
+    ExpansionFailure* failure) {
+  const size_t max_length = std::max(kMaxRegexPatternLength, text.size());
   size_t start = 0;
   size_t length = 0;
-  while (FindReference(text, &start, &length)) {
+  // No reference can begin before a replacement: every "${" before it already had its line end
+  // before any "}", and still has.
+  while (FindReference(text, start, &start, &length)) {
     // The name sits between the leading "${" and the closing "}".
     std::string name = Utf16ToUtf8(std::u16string_view(text).substr(start + 2, length - 3));
     const auto found = variables.find(name);
-    if (found == variables.end()) {
-      if (unknown != nullptr) *unknown = std::move(name);
+    const bool unknown = found == variables.end();
+    if (unknown || text.size() - length + found->second.size() > max_length) {
+      if (failure != nullptr) *failure = {std::move(name), !unknown};
       return std::nullopt;
     }
     text.replace(start, length, found->second);
@@ -216,18 +240,31 @@ Tagger::Tagger(const std::map<std::string, std::set<std::u16string>>& vocab_map,
 Tagger::~Tagger() = default;
 
 std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
-  if (query.size() > kMaxQueryLength) {
-    throw Error("query longer than " + std::to_string(kMaxQueryLength) + " units");
-  }
+  const size_t max_tags = MaxQueryTags(query.size());
   // Dictionary words: found by start and length, reported by vocabulary, then start, length.
   // The vocabulary map and vocab_names_ are both in name order, so the trie's positions sort
   // as the names do.
   const std::u16string_view text(query);
   std::vector<QueryTag> tags;
+  auto add_tag = [&tags, max_tags](uint32_t vocab, size_t start, size_t length) {
+    if (tags.size() == max_tags) {
+      throw Error("query has more than " + std::to_string(max_tags) + " tags");
+    }
+    tags.push_back({vocab, static_cast<int32_t>(start), static_cast<int32_t>(length)});
+  };
+  const size_t max_work = MaxDictionaryWork(query.size());
+  size_t work_left = max_work;
   for (size_t start = 0; start < text.size(); ++start) {
-    trie_->ForEachPrefix(text.substr(start), [&](uint32_t vocab, size_t length) {
-      tags.push_back({vocab, static_cast<int32_t>(start), static_cast<int32_t>(length)});
-    });
+    const std::u16string_view rest = text.substr(start);
+    const size_t read =
+        trie_->ForEachPrefix(rest.substr(0, work_left),
+                             [&](uint32_t vocab, size_t length) { add_tag(vocab, start, length); });
+    // Out of work with the query not read to its end, or with a word still being followed.
+    if (read == work_left && read < rest.size()) {
+      throw Error("query needs more than " + std::to_string(max_work) +
+                  " units of dictionary lookup");
+    }
+    work_left -= read;
   }
   std::stable_sort(tags.begin(), tags.end(),
                    [](const QueryTag& a, const QueryTag& b) { return a.vocab < b.vocab; });
@@ -245,8 +282,7 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
       while (regex.Search(subject, from, &match)) {
         // The next search would begin where this one did and find the same empty match forever.
         if (match.length == 0) throw RegexError("a regex vocabulary pattern matched empty text");
-        tags.push_back(
-            {vocab.vocab, static_cast<int32_t>(match.start), static_cast<int32_t>(match.length)});
+        add_tag(vocab.vocab, match.start, match.length);
         from = match.start + match.length;
       }
     }

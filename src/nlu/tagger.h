@@ -20,16 +20,34 @@
 
 namespace rulenlu {
 
-// The longest query, in UTF-16 units, that the engine answers.
-inline constexpr size_t kMaxQueryLength = kMaxRegexSubjectLength;
+// Why ExpandVariables gave up: the variable named by the reference at fault, and whether it was
+// known (its value made the text too long) or unknown.
+struct ExpansionFailure {
+  std::string variable;
+  bool too_long = false;
+};
 
 // `text` with every complete reference ${name} (standing on one line) replaced by the value of
 // `name` in `variables`, as the tagger expands variables and regex vocabulary patterns; a `$` or
-// `{` that does not begin a complete reference is kept as written. Returns nothing when a
-// reference names no variable, setting `*unknown` (when given) to that name.
+// `{` that does not begin a complete reference is kept as written. Returns nothing, describing
+// the reference in `*failure` (when given), when a reference names no variable or a replacement
+// would make the text longer than a pattern may be (kMaxRegexPatternLength, or the text's own
+// length if longer): values that double at each step would otherwise take exponential time and
+// memory for a pattern that could not compile.
 std::optional<std::u16string> ExpandVariables(
     std::u16string text, const std::map<std::string, std::u16string>& variables,
-    std::string* unknown = nullptr);
+    ExpansionFailure* failure = nullptr);
+
+// The most tags a query of `length` units may have, dictionary and regex tags together. An
+// ordinary query has a few per word; only vocabularies whose words overlap heavily, such as
+// every prefix of one long word, come near. The parser's work grows with the number of tags, so
+// this also bounds it.
+inline constexpr size_t MaxQueryTags(size_t length) { return (size_t{1} << 16) + 8 * length; }
+
+// The most units of the query that the dictionary lookup may read for a query of `length`
+// units, over all start positions together: one per start position, plus one for each further
+// unit of a word being followed. An ordinary query needs one to a few per start position.
+inline constexpr size_t MaxDictionaryWork(size_t length) { return (size_t{1} << 20) + 64 * length; }
 
 // One piece of a query that a vocabulary or regex vocabulary recognised.
 struct QueryTag {
@@ -47,7 +65,9 @@ class Tagger {
   // two entries with one name the first wins (both must expand). A reference ${name} is
   // complete when it stands on one line. A failed expansion (a reference to no variable, an
   // empty result) is silent: no regex vocabulary is compiled and only the plain vocabularies
-  // tag. Throws RegexError when an expanded pattern does not compile, and ConversionError when a
+  // tag. So is one that would make a value or pattern longer than kMaxRegexPatternLength, except
+  // that it logs "variable expansion too long:" naming the variable and what it was expanded in.
+  // Throws RegexError when an expanded pattern does not compile, and ConversionError when a
   // variable name or pattern is not convertible between UTF-8 and UTF-16.
   Tagger(const std::map<std::string, std::set<std::u16string>>& vocab_map,
          std::map<std::string, std::vector<std::u16string>> regex_vocab_map,
@@ -62,8 +82,9 @@ class Tagger {
 
   // Returns all dictionary tags of `query`, ordered by vocabulary name, start and length,
   // followed by all regex tags, ordered by regex vocabulary name, pattern and match position.
-  // Throws Error when the query is longer than kMaxQueryLength, and RegexError when a pattern
-  // cannot be run or matches empty text.
+  // Throws Error when the query has more than MaxQueryTags tags or needs more than
+  // MaxDictionaryWork units of lookup (both of its length), and RegexError when a pattern cannot
+  // be run or matches empty text.
   std::vector<QueryTag> Tag(const std::u16string& query) const;
 
   // `tag` of `query` as a record of its own: vocabulary name, text, start and length.

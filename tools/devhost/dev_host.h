@@ -11,7 +11,7 @@
 // "class cp::GrayServiceInterface" and "class cp::HttpServiceInterface".
 //
 // A missing or unusable DIR never makes anything fail hard: reads come back empty or as the
-// default, writes report false.
+// default, writes report false, and the host logs its own I/O failures on stderr.
 //
 // Example:
 //   static auto* host = new rulenlu::devhost::DevHost("/tmp/state");  // lives for the process
@@ -34,7 +34,8 @@ class ServiceRegistry;
 
 class DevHost {
  public:
-  // Serves the state under `state_dir` ("" for the current directory). Touches no file yet.
+  // Serves the state under `state_dir` ("" for the current directory). Touches no file yet,
+  // except for removing the temporaries that interrupted writes left in DIR/kv.
   explicit DevHost(std::string state_dir);
   // Waits for every HTTP transfer in flight, its callback included. Not to be run from a
   // response callback, which would wait for itself.

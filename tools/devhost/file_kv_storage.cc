@@ -21,7 +21,9 @@ constexpr bool KeepsOwnSpelling(unsigned char byte) {
 // Temporaries of a write are marked by an escaped character, so no key ever names one.
 static_assert(!KeepsOwnSpelling(kTempFileMark));
 
-FileKvStorage::FileKvStorage(std::string directory) : directory_(std::move(directory)) {}
+FileKvStorage::FileKvStorage(std::string directory) : directory_(std::move(directory)) {
+  RemoveStaleTemporaries(directory_);
+}
 
 std::string FileKvStorage::FileNameOf(const std::string& key) {
   static constexpr char kHex[] = "0123456789ABCDEF";
@@ -43,10 +45,15 @@ std::string FileKvStorage::FileNameOf(const std::string& key) {
 
 std::string FileKvStorage::Read(const std::string& key) {
   if (key.empty()) return std::string();
+  const std::string path = directory_ + '/' + FileNameOf(key);
+  std::error_code error;
+  // An entry never written reads as empty, and is no failure.
+  if (!std::filesystem::exists(path, error) && !error) return std::string();
   try {
-    return ReadWholeFile(directory_ + '/' + FileNameOf(key));
-  } catch (const Error&) {
-    return std::string();  // an entry never written reads as empty
+    return ReadWholeFile(path);
+  } catch (const Error& e) {
+    LogHostFailure(e.what());
+    return std::string();
   }
 }
 
@@ -54,7 +61,10 @@ bool FileKvStorage::Write(const std::string& key, const std::string& value) {
   if (key.empty()) return false;
   std::error_code error;
   std::filesystem::create_directories(directory_, error);
-  if (error) return false;
+  if (error) {
+    LogHostFailure("cannot create " + directory_ + ": " + error.message());
+    return false;
+  }
   return ReplaceFileAtomically(directory_ + '/' + FileNameOf(key), value);
 }
 

@@ -22,15 +22,17 @@ namespace rulenlu::devhost {
 class FileKvStorage final : public cp::KvStorageInterface {
  public:
   // Stores entries in `directory`, which is created (with its parent) on the first write.
+  // Removes at once the temporaries that interrupted writes left there (RemoveStaleTemporaries).
   explicit FileKvStorage(std::string directory);
 
   FileKvStorage(const FileKvStorage&) = delete;
   FileKvStorage& operator=(const FileKvStorage&) = delete;
 
-  // The stored value, or "" when the entry is absent, the key empty or the file unreadable.
+  // The stored value, or "" when the entry is absent, the key empty or the file unreadable
+  // (logged on stderr).
   std::string Read(const std::string& key) override;
-  // Replaces the value of `key`. False for the empty key and on any I/O error, in which case
-  // the previous value stays.
+  // Replaces the value of `key`. False for the empty key and on any I/O error (logged on
+  // stderr), in which case the previous value stays.
   bool Write(const std::string& key, const std::string& value) override;
 
   // The file name under which `key` is stored; "" for the empty key.

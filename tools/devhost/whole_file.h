@@ -17,10 +17,20 @@ inline constexpr char kTempFileMark = '~';
 
 // Makes the file at `path` hold exactly `bytes`. A reader, also after a crash at any moment,
 // sees either the previous content or the new one, never a mix. Returns false on any I/O
-// error; the previous content then stays and no temporary file is left behind (except after
-// a crash, when a stale temporary may remain beside `path`; it never affects `path` itself).
-// The directory of `path` must exist.
+// error, logged on stderr ("devhost: ..."); the previous content then stays and no temporary
+// file is left behind (except after a crash, when a stale temporary may remain beside `path`;
+// it never affects `path` itself: see RemoveStaleTemporaries). The directory of `path` must
+// exist.
 bool ReplaceFileAtomically(const std::string& path, std::string_view bytes);
+
+// Removes every file of `directory` whose name holds kTempFileMark: the temporaries of
+// replacements that a crash interrupted. A replacement in progress in `directory` at the same
+// moment fails (and says so). A missing directory has none; any other failure is logged on
+// stderr and otherwise ignored.
+void RemoveStaleTemporaries(const std::string& directory);
+
+// Writes "devhost: <what>" as a line on stderr, through the library's log.
+void LogHostFailure(const std::string& what);
 
 }  // namespace rulenlu::devhost
 
