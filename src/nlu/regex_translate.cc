@@ -633,9 +633,9 @@ class Parser {
   size_t SetNode(const UnitSet& units) {
     // Runs of members, found a word at a time: sets span all 65,536 units.
     std::vector<std::pair<char16_t, char16_t>> ranges;
-    const UnitSet gaps = ~units;
+    const auto gaps = std::make_unique<UnitSet>(~units);
     for (size_t first = units._Find_first(); first < units.size();) {
-      const size_t end = gaps._Find_next(first);  // units.size() when the run reaches the end
+      const size_t end = gaps->_Find_next(first);  // units.size() when the run reaches the end
       ranges.emplace_back(static_cast<char16_t>(first), static_cast<char16_t>(end - 1));
       if (end >= units.size()) break;
       first = units._Find_next(end);
@@ -649,24 +649,26 @@ class Parser {
   bool Atom(size_t* out) {
     char16_t unit;
     if (Match(Token::kAnyChar)) {
-      UnitSet any;
-      any.set();
+      // Unit sets live on the heap: Atom recurses once per nesting level, and a set on its
+      // stack frame would make deep nesting take megabytes of a caller's stack.
+      const auto any = std::make_unique<UnitSet>();
+      any->set();
       if (ecma_) {
-        for (char16_t c : {u'\n', u'\r', u'\u2028', u'\u2029'}) any.reset(c);
+        for (char16_t c : {u'\n', u'\r', u'\u2028', u'\u2029'}) any->reset(c);
       } else {
-        any.reset(0);
+        any->reset(0);
       }
-      *out = SetNode(any);
+      *out = SetNode(*any);
     } else if (TryChar(&unit)) {
       *out = Leaf(Node::kChar);
       nodes_[*out].unit = unit;
     } else if (Match(Token::kBackref)) {
       *out = Backref(WrappedNumber(value_, 10));
     } else if (Match(Token::kQuotedClass)) {
-      UnitSet units;
-      AddClass(value_, false, &units);
-      if (IsUpper(value_[0])) units.flip();
-      *out = SetNode(units);
+      const auto units = std::make_unique<UnitSet>();
+      AddClass(value_, false, units.get());
+      if (IsUpper(value_[0])) units->flip();
+      *out = SetNode(*units);
     } else if (Match(Token::kNoGroupBegin)) {
       Enter();
       const size_t body = Disjunction();
@@ -779,7 +781,8 @@ class Parser {
   bool Bracket(size_t* out) {
     const bool negative = Match(Token::kBracketNegBegin);
     if (!negative && !Match(Token::kBracketBegin)) return false;
-    UnitSet units;
+    const auto owned = std::make_unique<UnitSet>();  // on the heap, as in Atom
+    UnitSet& units = *owned;
     last_ = Last::kNone;
     char16_t unit;
     if (TryChar(&unit)) {
