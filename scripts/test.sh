@@ -9,4 +9,4 @@ cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j "$(nproc)"
 ctest --test-dir build --output-on-failure --timeout 300 -j "$(nproc)"
 ./scripts/sanitize.sh
-./scripts/fuzz.sh 20
+FUZZ_SEED=1 ./scripts/fuzz.sh 20
