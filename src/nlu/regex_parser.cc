@@ -255,14 +255,9 @@ IntentCandidate RegexParser::MakeCandidate(const std::u16string& query, const In
   candidate.slots.reserve(tags.combinations.length(c));
   for (const uint32_t* t = tags.combinations.begin(c); t != tags.combinations.end(c); ++t) {
     const QueryTag& tag = tags.tags[*t];
-    candidate.slots.push_back(TagSlot(query, tag));
+    candidate.slots.push_back(ToSlot(tag, vocab_names_, query));
   }
   return candidate;
-}
-
-SlotMatch RegexParser::TagSlot(const std::u16string& query, const QueryTag& tag) const {
-  return SlotMatch{vocab_names_[tag.vocab], query.substr(tag.start, tag.length), tag.start,
-                   tag.length};
 }
 
 // One query's rule matching: the rewritten query of the combination at hand, built the first
@@ -375,7 +370,7 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
 ParseTrace RegexParser::Explain(const std::u16string& query, std::vector<QueryTag> tags) const {
   const PreparedTags prepared = Prepare(query, std::move(tags));
   ParseTrace trace;
-  for (const QueryTag& tag : prepared.tags) trace.tags.push_back(TagSlot(query, tag));
+  for (const QueryTag& tag : prepared.tags) trace.tags.push_back(ToSlot(tag, vocab_names_, query));
   RegexSubject subject;
   for (size_t c = 0; c < prepared.combinations.size(); ++c) {
     ParseTrace::Combination& step = trace.combinations.emplace_back();

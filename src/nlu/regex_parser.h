@@ -125,7 +125,6 @@ class RegexParser {
   IntentCandidate MakeCandidate(const std::u16string& query, const Intent& intent,
                                 const PreparedTags& tags, size_t c) const;
   // `tag` of `query` as a slot.
-  SlotMatch TagSlot(const std::u16string& query, const QueryTag& tag) const;
 
   size_t max_combinations_;
   std::vector<Intent> intents_;

@@ -239,6 +239,16 @@ Tagger::Tagger(const std::map<std::string, std::set<std::u16string>>& vocab_map,
 
 Tagger::~Tagger() = default;
 
+SlotMatch ToSlot(const QueryTag& tag, const std::vector<std::string>& vocab_names,
+                 const std::u16string& query) {
+  return SlotMatch{vocab_names[tag.vocab], query.substr(tag.start, tag.length), tag.start,
+                   tag.length};
+}
+
+SlotMatch Tagger::ToSlot(const QueryTag& tag, const std::u16string& query) const {
+  return rulenlu::ToSlot(tag, vocab_names_, query);
+}
+
 std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
   const size_t max_tags = MaxQueryTags(query.size());
   // Dictionary words: found by start and length, reported by vocabulary, then start, length.

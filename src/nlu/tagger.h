@@ -56,6 +56,11 @@ struct QueryTag {
   int32_t length;  // in UTF-16 units
 };
 
+// `tag` of `query` as a record of its own: the name of its vocabulary in `vocab_names`, its
+// text, start and length.
+SlotMatch ToSlot(const QueryTag& tag, const std::vector<std::string>& vocab_names,
+                 const std::u16string& query);
+
 class Tagger {
  public:
   // Keeps the vocabularies for dictionary lookup, expands the ${name} variable references of the
@@ -88,10 +93,7 @@ class Tagger {
   std::vector<QueryTag> Tag(const std::u16string& query) const;
 
   // `tag` of `query` as a record of its own: vocabulary name, text, start and length.
-  SlotMatch ToSlot(const QueryTag& tag, const std::u16string& query) const {
-    return SlotMatch{vocab_names_[tag.vocab], query.substr(tag.start, tag.length), tag.start,
-                     tag.length};
-  }
+  SlotMatch ToSlot(const QueryTag& tag, const std::u16string& query) const;
 
  private:
   class WordTrie;
