@@ -11,11 +11,14 @@
 #include <string>
 #include <vector>
 
+#include "base/error.h"
 #include "base/file.h"
 #include "base/log.h"
 #include "base/text.h"
 #include "config/config_parser.h"
 #include "engine/nlu_engine.h"
+#include "nlu/regex_parser.h"
+#include "nlu/tagger.h"
 
 namespace rulenlu {
 namespace {
@@ -86,6 +89,67 @@ void BM_Process(benchmark::State& state, const std::string& name) {
 BENCHMARK_CAPTURE(BM_Process, example, std::string("example"));
 BENCHMARK_CAPTURE(BM_Process, shared, std::string("shared"));
 BENCHMARK_CAPTURE(BM_Process, many_rules, std::string("many_rules"));
+
+// The tagger and the parser of a workload, built once and kept, with its queries in UTF-16.
+struct Stages {
+  std::unique_ptr<Tagger> tagger;
+  std::unique_ptr<RegexParser> parser;
+  std::vector<std::u16string> queries;
+};
+
+const Stages& StagesOf(const std::string& name) {
+  static std::map<std::string, Stages>* all = new std::map<std::string, Stages>;
+  Stages& stages = (*all)[name];
+  if (stages.tagger == nullptr) {
+    SilenceLog();
+    NluConfig config = *ParseNluConfig(ReadWholeFile(SourcePath(kWorkloads.at(name).config)));
+    stages.tagger = std::make_unique<Tagger>(config.vocabMap, config.regexVocabMap,
+                                             config.variableEntrys);
+    stages.parser = std::make_unique<RegexParser>(config.intentMap, stages.tagger->vocab_names());
+    for (const std::string& query : QueriesOf(name)) {
+      try {
+        stages.queries.push_back(Utf8ToUtf16(query));
+      } catch (const ConversionError&) {
+        // Malformed on purpose: the tagger never sees it.
+      }
+    }
+  }
+  return stages;
+}
+
+// The tagger alone.
+void BM_Tag(benchmark::State& state, const std::string& name) {
+  const Stages& stages = StagesOf(name);
+  size_t i = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(stages.tagger->Tag(stages.queries[i]));
+    i = (i + 1) % stages.queries.size();
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK_CAPTURE(BM_Tag, shared, std::string("shared"));
+BENCHMARK_CAPTURE(BM_Tag, many_rules, std::string("many_rules"));
+
+// The parser alone, over tags made ahead.
+void BM_Parse(benchmark::State& state, const std::string& name) {
+  const Stages& stages = StagesOf(name);
+  std::vector<std::vector<QueryTag>> tags;
+  for (const std::u16string& query : stages.queries) {
+    try {
+      tags.push_back(stages.tagger->Tag(query));
+    } catch (const Error&) {
+      tags.emplace_back();  // the query fails in the tagger; the parser sees no tags
+    }
+  }
+  size_t i = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(stages.parser->Parse(stages.queries[i], tags[i]));
+    i = (i + 1) % stages.queries.size();
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK_CAPTURE(BM_Parse, shared, std::string("shared"));
+BENCHMARK_CAPTURE(BM_Parse, many_rules, std::string("many_rules"));
 
 // Start-up: parsing the document and building the engine.
 void BM_StartUp(benchmark::State& state, const std::string& name) {
