@@ -35,9 +35,4 @@ CandidateScore Ranker::Score(size_t slot_count, uint32_t total_length, int32_t i
   return {static_cast<int32_t>(slot_count), static_cast<int32_t>(total_length), index};
 }
 
-bool Ranker::RanksBefore(const CandidateScore& a, const CandidateScore& b) {
-  if (a.totalLength != b.totalLength) return a.totalLength > b.totalLength;
-  return a.slotCount < b.slotCount;
-}
-
 }  // namespace rulenlu

@@ -36,7 +36,18 @@ class Ranker {
 
   // True when `a` ranks strictly before `b`: greater totalLength, or equal totalLength and
   // fewer slots. The index takes no part.
-  static bool RanksBefore(const CandidateScore& a, const CandidateScore& b);
+  static bool RanksBefore(const CandidateScore& a, const CandidateScore& b) {
+    return RankKey(a) < RankKey(b);
+  }
+
+  // A number for `score` such that `a` ranks strictly before `b` exactly when RankKey(a) <
+  // RankKey(b). The index takes no part.
+  static uint64_t RankKey(const CandidateScore& score) {
+    // totalLength descending, then slotCount ascending, each as a signed 32-bit number.
+    const auto fewer_units = static_cast<uint32_t>(int64_t{INT32_MAX} - score.totalLength);
+    const uint32_t slots = static_cast<uint32_t>(score.slotCount) ^ 0x80000000u;
+    return uint64_t{fewer_units} << 32 | slots;
+  }
 };
 
 }  // namespace rulenlu

@@ -22,7 +22,7 @@
 
 namespace rulenlu {
 
-// What the exhaustive search (RegexParser::ParseAll) does with one query, step by step.
+// What the exhaustive search (RegexParser::Explain) does with one query, step by step.
 struct ParseTrace {
   struct IntentStep {
     std::string intent;
@@ -42,7 +42,7 @@ struct ParseTrace {
   };
   std::vector<SlotMatch> tags;  // in combination order
   std::vector<Combination> combinations;
-  std::vector<Candidate> candidates;  // as ParseAll finds them
+  std::vector<Candidate> candidates;  // in the order found
 };
 
 // The bound of one query's rule matching, in UTF-16 units of text gone over: every rewritten
@@ -60,8 +60,10 @@ class RegexParser {
   RegexParser(const std::map<std::string, IntentConfig>& intent_map,
               std::vector<std::string> vocab_names, size_t max_combinations = 128);
 
-  // Returns one candidate per (combination, intent) pair whose intent accepts every tag of the
-  // combination and has a rule matching the whole rewritten query, where:
+  // The candidate that Ranker::Rank would choose among the candidates of the exhaustive search
+  // (Explain), or nothing when there is none, where the exhaustive search yields one candidate
+  // per (combination, intent) pair whose intent accepts every tag of the combination and has a
+  // rule matching the whole rewritten query:
   //  - tags are ordered stably by key (byte-wise), then value (unit by unit, a prefix first);
   //  - a combination is a sequence of tags, each starting after the previous one ends (touching
   //    tags may follow one another); combinations are ordered tag by tag, a prefix first, and
@@ -71,69 +73,66 @@ class RegexParser {
   //    extensions up to and including those of the combination at which it was crossed;
   //  - the rewritten query is `query` with each tag of the combination replaced by "<key>";
   //  - intents come in name order, and only the first matching rule of an intent counts.
-  // Each candidate has version 0, the intent's name, `query` as text and the combination's tags
-  // as slots. No tags give no candidates. Throws Error when a rule that did not compile or
-  // cannot be matched is tried, a tried key is not UTF-8, or the matching goes past
-  // kParseWorkBase + kParseWorkPerUnit * query.size() units.
-  std::vector<IntentCandidate> ParseAll(const std::u16string& query,
-                                        std::vector<QueryTag> tags) const;
-
-  // The candidate that Ranker::Rank would choose among ParseAll's, or nothing when there is
-  // none; throws when ParseAll throws for a rule that does not compile. Candidates are tried in
-  // rank order and the search stops at the first whole match, so a rule is matched only when
-  // no better candidate exists: a match that cannot be carried out (RegexError), or matching
-  // past the work bound, fails the query only when it is reached in that order.
+  // The candidate has version 0, the intent's name, `query` as text and the combination's tags
+  // as slots. No tags give no candidate.
+  // Candidates are tried in rank order and the search stops at the first whole match. Throws
+  // Error when the exhaustive search would reach a rule that did not compile or a key that is
+  // not UTF-8; and when, in rank order, a match cannot be carried out (RegexError) or the
+  // matching goes past kParseWorkBase + kParseWorkPerUnit * query.size() units.
   std::optional<IntentCandidate> Parse(const std::u16string& query,
                                        std::vector<QueryTag> tags) const;
 
-  // The steps of ParseAll for `query`: the tags in combination order, every combination with
-  // its rewritten query and what each intent made of it, and the candidates. Where ParseAll
-  // would throw (a rule that did not compile, a key that is not UTF-8), the step holds the
-  // reason and the trace goes on.
+  // The steps of the exhaustive search for `query`: the tags in combination order, every
+  // combination with its rewritten query and what each intent made of it, and the candidates
+  // in the order found. Where matching fails (a rule that did not compile, a key that is not
+  // UTF-8, a match that cannot be carried out), the step holds the reason and the trace goes
+  // on; the work bound does not apply.
   ParseTrace Explain(const std::u16string& query, std::vector<QueryTag> tags) const;
 
  private:
   // What Parse needs of an intent, in name order.
   struct Intent {
     std::string name;
-    std::vector<uint64_t> accepts;  // bit set of the named keys it accepts
     // The rules before the first one that did not compile, matched together; the reason of
     // that one, which fails every query that reaches it (empty when all compiled).
     RegexSet rules;
     std::string broken;
   };
 
+  struct PreparedTags;
+  struct Matching;
+
   // The first of `intent`'s rules that matches the whole of `subject`, or nothing; throws
   // RegexError when none before the first rule that did not compile matches.
   static std::optional<size_t> MatchingRule(const Intent& intent, const RegexSubject& subject);
 
-  struct PreparedTags;
-  struct Matching;
-
+  // Sorts `tags` into tag order and builds their combinations into `prepared`.
+  void Prepare(std::u16string_view query, std::vector<QueryTag> tags, PreparedTags* prepared) const;
+  // `query` with each tag of `path` (positions in `tags`, in order) replaced by its marker.
+  void Rewrite(const std::u16string& query, const PreparedTags& tags,
+               const std::vector<uint32_t>& path, std::u16string* rewritten) const;
   // The rewritten query of combination `c`, built unless `matching` holds it already.
-  const RegexSubject& SubjectOf(size_t c, Matching* matching) const;
+  const RegexSubject& SubjectOf(uint32_t c, Matching* matching) const;
   // MatchingRule over combination `c`'s rewritten query, counted against the work bound.
-  std::optional<size_t> Match(const Intent& intent, size_t c, Matching* matching) const;
-
-  PreparedTags Prepare(std::u16string_view query, std::vector<QueryTag> tags) const;
-  // True when `intent` accepts every tag of combination `c` of `tags`.
-  static bool Accepts(const Intent& intent, const PreparedTags& tags, size_t c);
-  // `query` with each tag of combination `c` of `tags` replaced by its marker.
-  void Rewrite(const std::u16string& query, const PreparedTags& tags, size_t c,
-               std::u16string* rewritten) const;
+  std::optional<size_t> Match(const Intent& intent, uint32_t c, Matching* matching) const;
   // The candidate of `intent` with the tags of combination `c` as slots.
   IntentCandidate MakeCandidate(const std::u16string& query, const Intent& intent,
-                                const PreparedTags& tags, size_t c) const;
-  // `tag` of `query` as a slot.
+                                const PreparedTags& tags, uint32_t c) const;
 
   size_t max_combinations_;
   std::vector<Intent> intents_;
   bool any_broken_rule_ = false;
   bool any_unconvertible_key_ = false;
   std::vector<std::string> vocab_names_;
-  std::vector<uint32_t> vocab_keys_;  // per vocabulary: its key, or none when no intent names it
+  // Per vocabulary: its key's index among the keys some intent names, or markers_.size() when
+  // no intent names it.
+  std::vector<uint32_t> vocab_keys_;
   // Per key that some intent's slots name: its "<key>" marker, or none when not UTF-8.
   std::vector<std::optional<std::u16string>> markers_;
+  // Per key index (markers_.size() + 1 of them): the bit set of the intents, in name order,
+  // whose slots name it; intent_words_ words each. The last, for keys no intent names, is empty.
+  size_t intent_words_ = 1;
+  std::vector<uint64_t> key_intents_;
 };
 
 }  // namespace rulenlu
