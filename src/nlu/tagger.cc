@@ -251,24 +251,24 @@ SlotMatch Tagger::ToSlot(const QueryTag& tag, const std::u16string& query) const
 
 std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
   const size_t max_tags = MaxQueryTags(query.size());
+  auto check_room = [max_tags](size_t tags) {
+    if (tags == max_tags) throw Error("query has more than " + std::to_string(max_tags) + " tags");
+  };
   // Dictionary words: found by start and length, reported by vocabulary, then start, length.
   // The vocabulary map and vocab_names_ are both in name order, so the trie's positions sort
-  // as the names do.
+  // as the names do: a counting sort by vocabulary keeps the start and length order.
+  thread_local std::vector<QueryTag> found;
+  found.clear();
   const std::u16string_view text(query);
-  std::vector<QueryTag> tags;
-  auto add_tag = [&tags, max_tags](uint32_t vocab, size_t start, size_t length) {
-    if (tags.size() == max_tags) {
-      throw Error("query has more than " + std::to_string(max_tags) + " tags");
-    }
-    tags.push_back({vocab, static_cast<int32_t>(start), static_cast<int32_t>(length)});
-  };
   const size_t max_work = MaxDictionaryWork(query.size());
   size_t work_left = max_work;
   for (size_t start = 0; start < text.size(); ++start) {
     const std::u16string_view rest = text.substr(start);
     const size_t read =
-        trie_->ForEachPrefix(rest.substr(0, work_left),
-                             [&](uint32_t vocab, size_t length) { add_tag(vocab, start, length); });
+        trie_->ForEachPrefix(rest.substr(0, work_left), [&](uint32_t vocab, size_t length) {
+          check_room(found.size());
+          found.push_back({vocab, static_cast<int32_t>(start), static_cast<int32_t>(length)});
+        });
     // Out of work with the query not read to its end, or with a word still being followed.
     if (read == work_left && read < rest.size()) {
       throw Error("query needs more than " + std::to_string(max_work) +
@@ -276,9 +276,19 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
     }
     work_left -= read;
   }
-  std::stable_sort(tags.begin(), tags.end(),
-                   [](const QueryTag& a, const QueryTag& b) { return a.vocab < b.vocab; });
-  for (QueryTag& tag : tags) tag.vocab = dictionary_vocabs_[tag.vocab];
+  std::vector<uint32_t> next(dictionary_vocabs_.size() + 1, 0);
+  for (const QueryTag& tag : found) ++next[tag.vocab + 1];
+  for (size_t v = 1; v < next.size(); ++v) next[v] += next[v - 1];
+  std::vector<QueryTag> tags(found.size());
+  for (const QueryTag& tag : found) {
+    tags[next[tag.vocab]++] = {dictionary_vocabs_[tag.vocab], tag.start, tag.length};
+  }
+  // A query far larger than usual does not leave its buffer behind.
+  if (found.capacity() > (size_t{1} << 16)) found = std::vector<QueryTag>();
+  auto add_tag = [&](uint32_t vocab, size_t start, size_t length) {
+    check_room(tags.size());
+    tags.push_back({vocab, static_cast<int32_t>(start), static_cast<int32_t>(length)});
+  };
   if (regex_vocabs_.empty()) return tags;
 
   // Regex vocabularies: each pattern searched again from the end of its previous match, the
