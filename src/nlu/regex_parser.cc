@@ -1,6 +1,7 @@
 #include "nlu/regex_parser.h"
 
 #include <algorithm>
+#include <functional>
 #include <utility>
 
 #include "base/error.h"
@@ -172,7 +173,7 @@ void RegexParser::Prepare(std::u16string_view query, std::vector<QueryTag> tags,
     const auto length = static_cast<uint32_t>(sorted[t].length);
     if (parent == kNone) {
       combinations.push_back({kNone, t, 1, length});
-      intents.insert(intents.end(), accepting, accepting + words);
+      for (size_t w = 0; w < words; ++w) intents.push_back(accepting[w]);
       return;
     }
     const PreparedTags::Combination& from = combinations[parent];
@@ -334,12 +335,9 @@ bool AnyBit(const uint64_t* set, size_t words) {
   return false;
 }
 
-// A combination's place in rank order: its rank key, then its place in combination order.
-struct RankEntry {
-  uint64_t key;
-  uint32_t position;
-  uint32_t combination;
-};
+// A combination's place in rank order, as one number: its rank key, then its place in
+// combination order.
+using RankEntry = unsigned __int128;
 
 }  // namespace
 
@@ -395,15 +393,13 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
     const PreparedTags::Combination& combination = prepared.combinations[c];
     const CandidateScore score =
         Ranker::Score(combination.slots, combination.total, static_cast<int32_t>(position));
-    ranked.push_back({Ranker::RankKey(score), position, c});
+    ranked.push_back(RankEntry{Ranker::RankKey(score)} << 32 | position);
   }
-  const auto after = [](const RankEntry& a, const RankEntry& b) {
-    return a.key != b.key ? a.key > b.key : a.position > b.position;
-  };
+  const std::greater<RankEntry> after;
   std::make_heap(ranked.begin(), ranked.end(), after);
   while (!ranked.empty()) {
     std::pop_heap(ranked.begin(), ranked.end(), after);
-    const uint32_t c = ranked.back().combination;
+    const uint32_t c = prepared.order[static_cast<uint32_t>(ranked.back())];
     ranked.pop_back();
     std::optional<IntentCandidate> found;
     ForEachBit(accepting + c * words, words, [&](size_t i) {

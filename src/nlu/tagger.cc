@@ -80,21 +80,42 @@ class Tagger::WordTrie {
 
 Tagger::WordTrie::WordTrie(const std::map<std::string, std::set<std::u16string>>& vocabularies) {
   // Every (word, vocabulary) in word order: then a node's children are made in unit order and
-  // each word shares with the one before it exactly the nodes of their common prefix.
+  // each word shares with the one before it exactly the nodes of their common prefix. Each
+  // vocabulary's words are in order already: merged, not sorted.
   struct Entry {
     const std::u16string* word;
     uint32_t vocab;
   };
-  std::vector<Entry> entries;
+  struct Cursor {
+    std::set<std::u16string>::const_iterator next, end;
+    uint32_t vocab;
+  };
+  std::vector<Cursor> cursors;
+  size_t total = 0;
   uint32_t vocab = 0;
   for (const auto& [name, words] : vocabularies) {
-    for (const std::u16string& word : words) entries.push_back({&word, vocab});
+    if (!words.empty()) cursors.push_back({words.begin(), words.end(), vocab});
+    total += words.size();
     ++vocab;
   }
-  std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
-    const int order = a.word->compare(*b.word);
-    return order != 0 ? order < 0 : a.vocab < b.vocab;
-  });
+  // A heap of cursors whose top holds the least (word, vocabulary).
+  const auto after = [](const Cursor& a, const Cursor& b) {
+    const int order = a.next->compare(*b.next);
+    return order != 0 ? order > 0 : a.vocab > b.vocab;
+  };
+  std::make_heap(cursors.begin(), cursors.end(), after);
+  std::vector<Entry> entries;
+  entries.reserve(total);
+  while (!cursors.empty()) {
+    std::pop_heap(cursors.begin(), cursors.end(), after);
+    Cursor& least = cursors.back();
+    entries.push_back({&*least.next, least.vocab});
+    if (++least.next == least.end) {
+      cursors.pop_back();
+    } else {
+      std::push_heap(cursors.begin(), cursors.end(), after);
+    }
+  }
 
   struct Link {
     uint32_t from;
