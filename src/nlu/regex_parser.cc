@@ -1,7 +1,9 @@
 #include "nlu/regex_parser.h"
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
+#include <mutex>
 #include <utility>
 
 #include "base/error.h"
@@ -56,28 +58,16 @@ RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
 
   intent_words_ = Words(intent_map.size());
   key_intents_.assign((markers_.size() + 1) * intent_words_, 0);
-  intents_.reserve(intent_map.size());
   for (const auto& [name, config] : intent_map) {
     const size_t i = intents_.size();
     for (const auto& slot : config.slots) {
       key_intents_[key_index.at(slot.second) * intent_words_ + i / 64] |= uint64_t{1} << (i % 64);
     }
-    RegexSet all(config.regexRules);
-    size_t first_broken = 0;
-    while (first_broken < all.size() && all.compiled(first_broken)) ++first_broken;
-    if (first_broken == all.size()) {
-      intents_.push_back(Intent{name, std::move(all), std::string()});
-      continue;
-    }
-    // The rule that did not compile is reported only when a query reaches it; the rules after
-    // it are never reached.
-    const std::string broken = "rule " + std::to_string(first_broken + 1) +
-                               " does not compile: " + all.error(first_broken);
-    RegexSet before(std::vector<std::u16string>(config.regexRules.begin(),
-                                                config.regexRules.begin() + first_broken));
-    intents_.push_back(Intent{name, std::move(before), std::move(broken)});
-    any_broken_rule_ = true;
+    Intent& intent = intents_.emplace_back();
+    intent.name = name;
+    intent.patterns = config.regexRules;
   }
+  uncompiled_ = intents_.size();
 
   vocab_keys_.reserve(vocab_names_.size());
   for (const std::string& name : vocab_names_) {
@@ -254,10 +244,34 @@ void RegexParser::Rewrite(const std::u16string& query, const PreparedTags& tags,
   if (pos < query.size()) rewritten->append(query, pos);
 }
 
-std::optional<size_t> RegexParser::MatchingRule(const Intent& intent, const RegexSubject& subject) {
-  const size_t rule = intent.rules.FirstFullMatch(subject);
+const RegexParser::Rules& RegexParser::RulesOf(const Intent& intent) const {
+  std::call_once(intent.once, [&] {
+    RegexSet all(intent.patterns);
+    size_t first_broken = 0;
+    while (first_broken < all.size() && all.compiled(first_broken)) ++first_broken;
+    if (first_broken == all.size()) {
+      intent.rules = std::make_unique<const Rules>(Rules{std::move(all), std::string()});
+    } else {
+      // The rule that did not compile is reported only when a query reaches it; the rules
+      // after it are never reached.
+      std::string broken = "rule " + std::to_string(first_broken + 1) +
+                           " does not compile: " + all.error(first_broken);
+      RegexSet before(std::vector<std::u16string>(intent.patterns.begin(),
+                                                  intent.patterns.begin() + first_broken));
+      intent.rules = std::make_unique<const Rules>(Rules{std::move(before), std::move(broken)});
+      any_broken_rule_ = true;
+    }
+    --uncompiled_;
+  });
+  return *intent.rules;
+}
+
+std::optional<size_t> RegexParser::MatchingRule(const Intent& intent,
+                                                const RegexSubject& subject) const {
+  const Rules& rules = RulesOf(intent);
+  const size_t rule = rules.before_broken.FirstFullMatch(subject);
   if (rule != RegexSet::kNoMatch) return rule;
-  if (!intent.broken.empty()) throw RegexError(intent.broken);
+  if (!rules.broken.empty()) throw RegexError(rules.broken);
   return std::nullopt;
 }
 
@@ -371,13 +385,22 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
   // A rule that did not compile, or a marker that could not be converted, fails the query
   // whenever the exhaustive search reaches it: for a rule, some combination its intent accepts
   // that no earlier rule of the intent matches; for a marker, any accepted combination holding
-  // its tag (rewriting it throws). That does not depend on the order of the search, so it is
-  // settled first, and the search below never reaches either.
-  if (any_broken_rule_ || any_unconvertible_key_) {
+  // its tag. That does not depend on the order of the search, so it is settled first, and the
+  // search below never reaches either. Until every intent's rules are compiled, whether one
+  // has such a rule is not known: the intents a query may reach are compiled here.
+  if (any_unconvertible_key_ || any_broken_rule_ || uncompiled_ > 0) {
     for (const uint32_t c : prepared.order) {
       ForEachBit(accepting + c * words, words, [&](size_t i) {
-        SubjectOf(c, &matching);
-        if (!intents_[i].broken.empty()) Match(intents_[i], c, &matching);
+        if (any_unconvertible_key_) {
+          prepared.PathOf(c, &matching.path);
+          for (const uint32_t t : matching.path) {
+            const uint32_t key = prepared.keys[t];
+            if (key < markers_.size() && !markers_[key].has_value()) {
+              throw ConversionError();  // as rewriting it would
+            }
+          }
+        }
+        if (!RulesOf(intents_[i]).broken.empty()) Match(intents_[i], c, &matching);
       });
     }
   }

@@ -7,9 +7,13 @@
 #ifndef RULENLU_NLU_REGEX_PARSER_H_
 #define RULENLU_NLU_REGEX_PARSER_H_
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -90,21 +94,31 @@ class RegexParser {
   ParseTrace Explain(const std::u16string& query, std::vector<QueryTag> tags) const;
 
  private:
-  // What Parse needs of an intent, in name order.
-  struct Intent {
-    std::string name;
+  // An intent's rules as compiled.
+  struct Rules {
     // The rules before the first one that did not compile, matched together; the reason of
     // that one, which fails every query that reaches it (empty when all compiled).
-    RegexSet rules;
+    RegexSet before_broken;
     std::string broken;
   };
+  // What Parse needs of an intent, in name order. Its rules are compiled the first time a query
+  // needs them, so that start-up compiles nothing a query never reaches.
+  struct Intent {
+    std::string name;
+    std::vector<std::u16string> patterns;
+    mutable std::once_flag once;
+    mutable std::unique_ptr<const Rules> rules;
+  };
+
+  // `intent`'s rules, compiled on the first call from any thread.
+  const Rules& RulesOf(const Intent& intent) const;
 
   struct PreparedTags;
   struct Matching;
 
   // The first of `intent`'s rules that matches the whole of `subject`, or nothing; throws
   // RegexError when none before the first rule that did not compile matches.
-  static std::optional<size_t> MatchingRule(const Intent& intent, const RegexSubject& subject);
+  std::optional<size_t> MatchingRule(const Intent& intent, const RegexSubject& subject) const;
 
   // Sorts `tags` into tag order and builds their combinations into `prepared`.
   void Prepare(std::u16string_view query, std::vector<QueryTag> tags, PreparedTags* prepared) const;
@@ -120,8 +134,11 @@ class RegexParser {
                                 const PreparedTags& tags, uint32_t c) const;
 
   size_t max_combinations_;
-  std::vector<Intent> intents_;
-  bool any_broken_rule_ = false;
+  std::deque<Intent> intents_;  // a deque: an Intent cannot move
+  // How many intents' rules are not compiled yet, and whether one of those compiled has a rule
+  // that did not compile.
+  mutable std::atomic<size_t> uncompiled_{0};
+  mutable std::atomic<bool> any_broken_rule_{false};
   bool any_unconvertible_key_ = false;
   std::vector<std::string> vocab_names_;
   // Per vocabulary: its key's index among the keys some intent names, or markers_.size() when
