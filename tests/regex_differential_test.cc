@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <locale>
+#include <memory>
 #include <random>
 #include <regex>
 #include <string>
@@ -305,6 +306,10 @@ void Compare(const std::u16string& pattern, RegexGrammar grammar,
     ++tally->deliberately_rejected;
     return;
   }
+  // A rule set of this one pattern answers whole matches its own way (an automaton).
+  const std::unique_ptr<RegexSet> rules =
+      grammar == P ? std::make_unique<RegexSet>(std::vector<std::u16string>{pattern}) : nullptr;
+  if (rules != nullptr && !rules->compiled(0)) fail("rejected as a rule: " + rules->error(0));
   for (const std::u16string& text : texts) {
     ++tally->texts;
     const std::wstring wide(text.begin(), text.end());
@@ -314,6 +319,9 @@ void Compare(const std::u16string& pattern, RegexGrammar grammar,
       const bool whole = std::regex_match(wide, reference);
       if (ours->FullMatch(subject) != whole) {
         fail(std::string("whole match ") + (whole ? "missed" : "found") + where);
+      }
+      if (rules != nullptr && rules->AnyFullMatch(subject) != whole) {
+        fail(std::string("rule set's whole match ") + (whole ? "missed" : "found") + where);
       }
       for (size_t from = 0; from <= text.size(); ++from) {
         ++tally->searches;

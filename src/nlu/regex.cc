@@ -5,6 +5,7 @@
 
 #include <utility>
 
+#include "nlu/regex_automaton.h"
 #include "nlu/regex_translate.h"
 
 namespace rulenlu {
@@ -19,6 +20,9 @@ constexpr uint32_t kParensNestLimit = 2 * kMaxRegexPatternLength + 64;
 constexpr uint32_t kHeapLimitKib = 256 * 1024;
 // Working space of the automaton matcher (POSIX searches), per thread.
 constexpr size_t kDfaWorkspaceInts = 16384;
+// Most transitions of a RegexSet's automaton (4 bytes each); larger sets are matched by
+// compiled expressions.
+constexpr size_t kMaxAutomatonCells = size_t{1} << 18;
 // Longest translated text compiled as one part of a RegexSet.
 constexpr size_t kMaxSetPartLength = 16384;
 
@@ -159,22 +163,31 @@ bool Regex::FullMatch(const RegexSubject& subject) const {
 
 struct RegexSet::Impl {
   std::vector<std::string> errors;  // per rule; empty when it compiled
-  std::vector<Code> parts;          // in rule order; each marks the rule that matched
+  // The rules as one deterministic automaton when they allow a small one; otherwise compiled
+  // expressions in rule order, each marking the rule that matched.
+  std::optional<RuleAutomaton> automaton;
+  std::vector<Code> parts;
 };
 
 RegexSet::RegexSet(const std::vector<std::u16string>& patterns) : impl_(std::make_unique<Impl>()) {
   impl_->errors.resize(patterns.size());
   std::vector<std::string> marked(patterns.size());  // empty for rules that did not compile
+  std::vector<RegexTree> trees(patterns.size());
+  std::vector<const RegexTree*> compiled(patterns.size(), nullptr);
   for (size_t i = 0; i < patterns.size(); ++i) {
     try {
-      const TranslatedRegex translated = TranslateRegex(patterns[i], RegexGrammar::kPosixExtended);
+      TranslatedRegex translated = TranslateRegex(patterns[i], RegexGrammar::kPosixExtended);
       // Compiling it alone tells whether it fits the matcher; kept only if its part does not.
       Compile(Whole(translated.pcre), false);
       marked[i] = "(?:" + translated.pcre + ")\\z(*MARK:" + std::to_string(i) + ")";
+      trees[i] = std::move(translated.tree);
+      compiled[i] = &trees[i];
     } catch (const RegexError& e) {
       impl_->errors[i] = e.what();
     }
   }
+  impl_->automaton = RuleAutomaton::Build(compiled, kMaxAutomatonCells);
+  if (impl_->automaton.has_value()) return;
   // Consecutive rules share a part up to a length; a part too large for the matcher is
   // compiled rule by rule instead.
   auto compile_part = [&](size_t first, size_t last) {
@@ -215,6 +228,10 @@ bool RegexSet::compiled(size_t index) const { return impl_->errors.at(index).emp
 const std::string& RegexSet::error(size_t index) const { return impl_->errors.at(index); }
 
 size_t RegexSet::FirstFullMatch(const RegexSubject& subject) const {
+  if (impl_->automaton.has_value()) {
+    const size_t rule = impl_->automaton->FirstFullMatch(subject.units_);
+    return rule == RuleAutomaton::kNoMatch ? kNoMatch : rule;
+  }
   MatchResources& resources = MatchResources::ForThisThread();
   for (const Code& part : impl_->parts) {
     if (resources.Run(part.get(), subject.units_, 0, false)) return resources.MarkNumber();

@@ -468,34 +468,7 @@ class Scanner {
   std::u16string value_;
 };
 
-struct Node {
-  enum Kind : uint8_t {
-    kChar,
-    kSet,
-    kBackref,
-    kLineBegin,
-    kLineEnd,
-    kWordBound,
-    kNotWordBound,
-    kLookahead,
-    kNegLookahead,
-    kGroup,
-    kNoGroup,
-    kConcat,
-    kAlt,
-    kRepeat
-  };
-  explicit Node(Kind node_kind) : kind(node_kind) {}
-  Kind kind;
-  char16_t unit = 0;  // kChar
-  size_t index = 0;   // kSet: set number; kGroup, kBackref: group number
-  uint64_t min = 0;   // kRepeat
-  uint64_t max = 0;   // kRepeat, when not `infinite`
-  bool infinite = false;
-  bool lazy = false;
-  uint64_t reach = 0;  // NFA states a copy of this expression takes in the standard library
-  std::vector<size_t> kids;
-};
+using Node = RegexNode;
 
 // Builds the expression tree the way the standard library's compiler walks the tokens, and
 // counts the states of the automaton it would build, to reject exactly what it rejects.
@@ -1091,6 +1064,9 @@ TranslatedRegex TranslateRegex(std::u16string_view pattern, RegexGrammar grammar
   TranslatedRegex result;
   emitter.Emit(root, &result.pcre);
   result.capture_count = emitter.captures();
+  result.tree.nodes = parser.nodes();
+  result.tree.sets = parser.sets();
+  result.tree.root = root;
   return result;
 }
 

@@ -6,8 +6,11 @@
 #define RULENLU_NLU_REGEX_TRANSLATE_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "nlu/regex.h"
 
@@ -16,9 +19,48 @@ namespace rulenlu {
 // NFA states the standard library allows in one compiled expression.
 inline constexpr size_t kStdRegexStateLimit = 100000;
 
+// One element of a pattern's expression tree.
+struct RegexNode {
+  enum Kind : uint8_t {
+    kChar,
+    kSet,
+    kBackref,
+    kLineBegin,
+    kLineEnd,
+    kWordBound,
+    kNotWordBound,
+    kLookahead,
+    kNegLookahead,
+    kGroup,
+    kNoGroup,
+    kConcat,
+    kAlt,
+    kRepeat
+  };
+  explicit RegexNode(Kind node_kind) : kind(node_kind) {}
+  Kind kind;
+  char16_t unit = 0;  // kChar
+  size_t index = 0;   // kSet: set number; kGroup, kBackref: group number
+  uint64_t min = 0;   // kRepeat
+  uint64_t max = 0;   // kRepeat, when not `infinite`
+  bool infinite = false;
+  bool lazy = false;
+  uint64_t reach = 0;  // NFA states a copy of this expression takes in the standard library
+  std::vector<size_t> kids;
+};
+
+// A pattern as the standard library reads it: nodes[root] is the whole expression; a kSet
+// node matches one unit in one of the ranges sets[index] (inclusive; none: nothing).
+struct RegexTree {
+  std::vector<RegexNode> nodes;
+  std::vector<std::vector<std::pair<char16_t, char16_t>>> sets;
+  size_t root = 0;
+};
+
 struct TranslatedRegex {
   std::string pcre;          // ASCII PCRE2 pattern, unanchored; matches what `pattern` matches
   size_t capture_count = 0;  // capturing groups kept in `pcre` (only back-referenced ones)
+  RegexTree tree;
 };
 
 // Translates `pattern`. Throws RegexError, with a reason, for every pattern the standard library
