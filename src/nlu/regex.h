@@ -62,6 +62,8 @@ class RegexSubject {
   RegexSubject() = default;
   explicit RegexSubject(std::u16string_view text) { Assign(text); }
   void Assign(std::u16string_view text) { units_.assign(text.begin(), text.end()); }
+  // Takes `*text` as the subject and leaves the previous subject's units in `*text`.
+  void Swap(std::u16string* text) { units_.swap(*text); }
   size_t size() const { return units_.size(); }
 
  private:

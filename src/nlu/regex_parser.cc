@@ -317,7 +317,7 @@ const RegexSubject& RegexParser::SubjectOf(uint32_t c, Matching* matching) const
     matching->tags->PathOf(c, &matching->path);
     Rewrite(*matching->query, *matching->tags, matching->path, &matching->rewritten);
     matching->Charge(matching->rewritten.size());
-    matching->subject.Assign(matching->rewritten);
+    matching->subject.Swap(&matching->rewritten);
     matching->built = c;
   }
   return matching->subject;
