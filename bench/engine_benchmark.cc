@@ -103,8 +103,8 @@ const Stages& StagesOf(const std::string& name) {
   if (stages.tagger == nullptr) {
     SilenceLog();
     NluConfig config = *ParseNluConfig(ReadWholeFile(SourcePath(kWorkloads.at(name).config)));
-    stages.tagger = std::make_unique<Tagger>(config.vocabMap, config.regexVocabMap,
-                                             config.variableEntrys);
+    stages.tagger =
+        std::make_unique<Tagger>(config.vocabMap, config.regexVocabMap, config.variableEntrys);
     stages.parser = std::make_unique<RegexParser>(config.intentMap, stages.tagger->vocab_names());
     for (const std::string& query : QueriesOf(name)) {
       try {
