@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
 #include <locale>
 #include <memory>
 #include <random>
@@ -256,13 +258,30 @@ TEST(Regex, ReadsNumbersAsTheStandardLibrary) {
   }
 }
 
-// A rule set answers like its rules matched one by one, in order; rules that do not compile
-// are reported and take no part.
+// A rule set answers like its rules matched one by one, in order, whatever unit a text and the
+// matches of each rule begin with (one known unit, a few, a caseless letter, units above 255,
+// surrogates, any unit, or the empty text); rules that do not compile are reported and take no
+// part.
 TEST(Regex, SetMatchesLikeItsRulesInOrder) {
+  const std::u16string high(1, char16_t{0xD83D}), low(1, char16_t{0xDE00});
+  // clang-format off
   std::vector<std::u16string> rules = {
-      u"<city>(to)?<city>",       u"a\\d", u"(a|b)*c", u"[[:digit:]]+", u"a{2,3}", u"[b-a]",
-      u"(<date>|<time>) ?<city>", u"",     u"x+y*",    u"(a?){13000}"};
+      u"<city>(to)?<city>", u"a\\d", u"(a|b)*c", u"[[:digit:]]+", u"a{2,3}", u"[b-a]",
+      u"(<date>|<time>) ?<city>", u"", u"x+y*", u"(a?){13000}", u"[Bb]ook", u"\u00E9x",
+      u"[\u00E9\u00C9]x", u"(\u4E2D|a)x", u"\u4E2D+x?", high + low, u"[^a]b", u"x?y", u"a*",
+      u"^ab", u"[[:alpha:]]z", u".x", u"(\u00C9|x)z"};
+  // clang-format on
   for (int i = 0; i < 60; ++i) rules.push_back(u"r" + Utf8ToUtf16(std::to_string(i)) + u"(x|yz)*");
+  // Short random rules with the same kinds of beginnings, so that a text matches several.
+  const std::u16string pieces[] = {u"a",    u"B", u"b?",         u"(a|B)",      u"[aB]",
+                                   u".",    high, u"\u4E2D",     u"(\u4E2D|a)", u"x*",
+                                   u"[^a]", u"z", u"(x|\u00C9)?"};
+  std::mt19937 random(3);
+  for (int i = 0; i < 150; ++i) {
+    std::u16string rule;
+    for (size_t n = 1 + random() % 3; n > 0; --n) rule += pieces[random() % std::size(pieces)];
+    rules.push_back(rule);
+  }
   const RegexSet set(rules);
   ASSERT_EQ(set.size(), rules.size());
   std::vector<std::unique_ptr<Regex>> single;
@@ -280,17 +299,27 @@ TEST(Regex, SetMatchesLikeItsRulesInOrder) {
   EXPECT_FALSE(set.compiled(1));  // \d is no POSIX escape
   EXPECT_FALSE(set.compiled(5));
   EXPECT_FALSE(set.compiled(9));
-  std::mt19937 random(3);
-  const std::u16string alphabet = u"abcxyz0r12345<>";
-  std::vector<std::u16string> texts = {u"",        u"<city><city>", u"<city>to<city>", u"aa",
-                                       u"ababc",   u"aaaa",         u"r17xyzx",        u"r59",
-                                       u"<date>x", u"xyy"};
-  for (int i = 0; i < 400; ++i) {
-    std::u16string text;
-    for (size_t n = random() % 7; n > 0; --n) text += alphabet[random() % alphabet.size()];
-    texts.push_back(text);
+  const std::u16string alphabets[] = {u"abcxyz0r12345<>",
+                                      u"abBokxz\u00E9\u00C9\u4E2D\u00FF" + high + low};
+  // clang-format off
+  std::vector<std::u16string> texts = {
+      u"", u"<city><city>", u"<city>to<city>", u"aa", u"ababc", u"aaaa", u"r17xyzx", u"r59",
+      u"<date>x", u"xyy", u"book", u"Book", u"Bb", u"\u00C9x", u"\u4E2Dx", u"\u4E2D\u4E2Dx",
+      high + low, u"y", u"ab", u"Bz", u"\u00FFx", u"\u00C9z"};
+  // clang-format on
+  for (const std::u16string& alphabet : alphabets) {
+    for (int i = 0; i < 600; ++i) {
+      std::u16string text;
+      for (size_t n = random() % 7; n > 0; --n) text += alphabet[random() % alphabet.size()];
+      texts.push_back(text);
+    }
   }
-  size_t matched = 0;
+  // The same rules beside one too large for an automaton: the set is matched by compiled
+  // expressions instead, and must answer alike.
+  std::vector<std::u16string> with_large = rules;
+  with_large.push_back(u"q(ab|cd){3000}");
+  const RegexSet large_set(with_large);
+  std::vector<size_t> matched(rules.size());
   for (const std::u16string& text : texts) {
     const RegexSubject subject(text);
     size_t expected = RegexSet::kNoMatch;
@@ -298,10 +327,14 @@ TEST(Regex, SetMatchesLikeItsRulesInOrder) {
       if (single[i] != nullptr && single[i]->FullMatch(subject)) expected = i;
     }
     EXPECT_EQ(set.FirstFullMatch(subject), expected) << Utf16ToUtf8(text);
+    EXPECT_EQ(large_set.FirstFullMatch(subject), expected) << Utf16ToUtf8(text);
     EXPECT_EQ(set.AnyFullMatch(subject), expected != RegexSet::kNoMatch);
-    matched += expected != RegexSet::kNoMatch;
+    if (expected != RegexSet::kNoMatch) ++matched[expected];
   }
-  EXPECT_GT(matched, 20u);
+  // Each kind of beginning above answers some text first, and so do many random rules.
+  for (size_t i = 10; i < 23; ++i) EXPECT_GT(matched[i], 0u) << Utf16ToUtf8(rules[i]);
+  EXPECT_GT(matched[7], 0u);  // the empty text
+  EXPECT_GT(std::count_if(matched.end() - 150, matched.end(), [](size_t n) { return n > 0; }), 10);
   EXPECT_EQ(RegexSet({}).FirstFullMatch(RegexSubject(u"")), RegexSet::kNoMatch);
 }
 
@@ -315,6 +348,40 @@ TEST(Regex, SetAnswersRulesTooLargeToShareAnExpression) {
   EXPECT_EQ(set.FirstFullMatch(RegexSubject(Repeat(u"cf", 2999) + u"ab")), 3u);
   EXPECT_EQ(set.FirstFullMatch(RegexSubject(u"y")), 4u);
   EXPECT_EQ(set.FirstFullMatch(RegexSubject(Repeat(u"ab", 2999))), RegexSet::kNoMatch);
+}
+
+// At the matcher's limit on the size of one expression, a rule of a set compiles exactly when a
+// Regex of its own does, for the same reason.
+TEST(Regex, SetRuleCompilesAsARegexAtTheSizeLimit) {
+  auto regex_error = [](const std::u16string& pattern) -> std::string {
+    try {
+      Regex regex(pattern, P);
+      return "";
+    } catch (const RegexError& e) {
+      return e.what();
+    }
+  };
+  auto repeat = [](uint64_t count) {
+    return u"(ab|cd){" + Utf8ToUtf16(std::to_string(count)) + u"}";
+  };
+  // The largest count that compiles, behind 0 to 15 more units (a letter takes two, ^ one): the
+  // unanchored form of one of these is just at the limit.
+  uint64_t low = 1, high = 100000;
+  while (low + 1 < high) {
+    const uint64_t middle = (low + high) / 2;
+    (regex_error(repeat(middle)).empty() ? low : high) = middle;
+  }
+  size_t compiled = 0;
+  for (const char16_t* anchor : {u"", u"^"}) {
+    for (size_t length = 0; length < 8; ++length) {
+      const std::u16string pattern = anchor + std::u16string(length, u'b') + repeat(low);
+      const RegexSet set({pattern});
+      EXPECT_EQ(set.error(0), regex_error(pattern)) << Utf16ToUtf8(pattern);
+      compiled += set.compiled(0);
+    }
+  }
+  EXPECT_GT(compiled, 0u);
+  EXPECT_LT(compiled, 16u);
 }
 
 // One compiled expression, many threads: every thread gets the answers one thread gets.

@@ -3,6 +3,8 @@
 #define PCRE2_CODE_UNIT_WIDTH 16
 #include <pcre2.h>
 
+#include <algorithm>
+#include <map>
 #include <utility>
 
 #include "nlu/regex_automaton.h"
@@ -25,6 +27,8 @@ constexpr size_t kDfaWorkspaceInts = 16384;
 constexpr size_t kMaxAutomatonCells = size_t{1} << 18;
 // Longest translated text compiled as one part of a RegexSet.
 constexpr size_t kMaxSetPartLength = 16384;
+// Compiled size, in bytes, from which a rule may be near the matcher's limit on one expression.
+constexpr size_t kNearSizeLimitBytes = size_t{64} << 10;
 
 struct CodeFree {
   void operator()(pcre2_code* code) const { pcre2_code_free(code); }
@@ -125,6 +129,92 @@ class MatchResources {
 
 std::string Whole(const std::string& pcre) { return "\\A(?:" + pcre + ")\\z"; }
 
+// Rules matched together in one expression, which marks the rule that matched.
+struct SetPart {
+  Code code;
+  size_t first;  // the lowest rule index in the part
+  size_t rule;   // the one rule of a part compiled alone (it has no mark); SIZE_MAX otherwise
+};
+
+// The key of the units a whole match may begin with: ASCII letters of either case share one, as
+// the matcher may compile a class like [Bb] to a caseless B and report only one of the two.
+char16_t FoldUnit(char16_t unit) {
+  return unit >= u'A' && unit <= u'Z' ? unit + (u'a' - u'A') : unit;
+}
+
+// The keys of the units a match of `code`, compiled unanchored, can begin with; empty when they
+// are not known (it may match the empty text, or the matcher keeps no summary of them).
+std::vector<char16_t> FirstUnitKeys(const pcre2_code* code) {
+  uint32_t type = 0;
+  pcre2_pattern_info(code, PCRE2_INFO_FIRSTCODETYPE, &type);
+  if (type == 1) {
+    uint32_t unit = 0;
+    pcre2_pattern_info(code, PCRE2_INFO_FIRSTCODEUNIT, &unit);
+    return {FoldUnit(static_cast<char16_t>(unit))};
+  }
+  const uint8_t* bitmap = nullptr;
+  pcre2_pattern_info(code, PCRE2_INFO_FIRSTBITMAP, &bitmap);
+  // Bit 255 stands for every unit from 255 up.
+  if (bitmap == nullptr || (bitmap[31] & 0x80) != 0) return {};
+  std::vector<char16_t> keys;
+  for (char16_t unit = 0; unit < 255; ++unit) {
+    if ((bitmap[unit / 8] >> (unit % 8) & 1) == 0) continue;
+    const char16_t key = FoldUnit(unit);
+    if (std::find(keys.begin(), keys.end(), key) == keys.end()) keys.push_back(key);
+  }
+  std::sort(keys.begin(), keys.end());
+  return keys;
+}
+
+// Compiles a translated rule alone and returns FirstUnitKeys of its whole matches. Throws
+// RegexError when, and as, a Regex of the rule would.
+std::vector<char16_t> CheckSetRule(const std::string& pcre) {
+  // Unanchored, or the matcher keeps no start information. A Regex compiles the anchored form,
+  // one unit longer: that one gives the reason of a failure, and decides near the size limit.
+  Code code;
+  try {
+    code = Compile("(?:" + pcre + ")\\z", false);
+  } catch (const RegexError&) {
+    Compile(Whole(pcre), false);
+    return {};
+  }
+  size_t size = 0;
+  pcre2_pattern_info(code.get(), PCRE2_INFO_SIZE, &size);
+  if (size > kNearSizeLimitBytes) Compile(Whole(pcre), false);
+  return FirstUnitKeys(code.get());
+}
+
+// Compiles the rules `rules` (ascending indices into `translated`) into parts of up to
+// kMaxSetPartLength, appended to `group`; a part too large for the matcher is compiled rule by
+// rule instead (each fits alone: CheckSetRule said so).
+void CompileSetGroup(const std::vector<size_t>& rules, const std::vector<std::string>& translated,
+                     std::vector<SetPart>* group) {
+  auto compile_part = [&](size_t begin, size_t end, const std::string& alternation) {
+    try {
+      group->push_back(
+          SetPart{Compile("\\A(?:" + alternation + ")", true), rules[begin], SIZE_MAX});
+    } catch (const RegexError&) {
+      for (size_t k = begin; k < end; ++k) {
+        group->push_back(SetPart{Compile(Whole(translated[rules[k]]), true), rules[k], rules[k]});
+      }
+    }
+  };
+  size_t begin = 0;
+  std::string alternation;
+  for (size_t k = 0; k < rules.size(); ++k) {
+    const std::string marked =
+        "(?:" + translated[rules[k]] + ")\\z(*MARK:" + std::to_string(rules[k]) + ")";
+    if (!alternation.empty() && alternation.size() + marked.size() > kMaxSetPartLength) {
+      compile_part(begin, k, alternation);
+      begin = k;
+      alternation.clear();
+    }
+    if (!alternation.empty()) alternation += "|";
+    alternation += marked;
+  }
+  if (!alternation.empty()) compile_part(begin, rules.size(), alternation);
+}
+
 }  // namespace
 
 struct Regex::Impl {
@@ -164,23 +254,31 @@ bool Regex::FullMatch(const RegexSubject& subject) const {
 struct RegexSet::Impl {
   std::vector<std::string> errors;  // per rule; empty when it compiled
   // The rules as one deterministic automaton when they allow a small one; otherwise compiled
-  // expressions in rule order, each marking the rule that matched.
+  // expressions, each rule in one part.
   std::optional<RuleAutomaton> automaton;
-  std::vector<Code> parts;
+  std::vector<SetPart> parts;
+  // Per key (sorted): the parts whose rules may begin with a unit of that key, with the parts of
+  // rules whose first units are not known (`unknown`), in order of their first rule. A text
+  // that is empty or begins with another key takes only `unknown`.
+  std::vector<char16_t> keys;
+  std::vector<std::vector<size_t>> keyed;
+  std::vector<size_t> unknown;
 };
 
 RegexSet::RegexSet(const std::vector<std::u16string>& patterns) : impl_(std::make_unique<Impl>()) {
   impl_->errors.resize(patterns.size());
-  std::vector<std::string> marked(patterns.size());  // empty for rules that did not compile
+  std::vector<std::string> translated(patterns.size());
   std::vector<RegexTree> trees(patterns.size());
   std::vector<const RegexTree*> compiled(patterns.size(), nullptr);
+  // Rules grouped by the keys they may begin with (none: not known). A group is compiled once
+  // and tried for each of its keys, so no rule is compiled twice.
+  std::map<std::vector<char16_t>, std::vector<size_t>> groups;
   for (size_t i = 0; i < patterns.size(); ++i) {
     try {
-      TranslatedRegex translated = TranslateRegex(patterns[i], RegexGrammar::kPosixExtended);
-      // Compiling it alone tells whether it fits the matcher; kept only if its part does not.
-      Compile(Whole(translated.pcre), false);
-      marked[i] = "(?:" + translated.pcre + ")\\z(*MARK:" + std::to_string(i) + ")";
-      trees[i] = std::move(translated.tree);
+      TranslatedRegex translation = TranslateRegex(patterns[i], RegexGrammar::kPosixExtended);
+      translated[i] = std::move(translation.pcre);
+      groups[CheckSetRule(translated[i])].push_back(i);
+      trees[i] = std::move(translation.tree);
       compiled[i] = &trees[i];
     } catch (const RegexError& e) {
       impl_->errors[i] = e.what();
@@ -188,35 +286,22 @@ RegexSet::RegexSet(const std::vector<std::u16string>& patterns) : impl_(std::mak
   }
   impl_->automaton = RuleAutomaton::Build(compiled, kMaxAutomatonCells);
   if (impl_->automaton.has_value()) return;
-  // Consecutive rules share a part up to a length; a part too large for the matcher is
-  // compiled rule by rule instead.
-  auto compile_part = [&](size_t first, size_t last) {
-    std::string alternation;
-    for (size_t i = first; i < last; ++i) {
-      if (marked[i].empty()) continue;
-      if (!alternation.empty()) alternation += "|";
-      alternation += marked[i];
+  std::map<char16_t, std::vector<size_t>> keyed;
+  for (const auto& [keys, rules] : groups) {
+    const size_t begin = impl_->parts.size();
+    CompileSetGroup(rules, translated, &impl_->parts);
+    for (size_t part = begin; part < impl_->parts.size(); ++part) {
+      if (keys.empty()) impl_->unknown.push_back(part);
+      for (const char16_t key : keys) keyed[key].push_back(part);
     }
-    if (alternation.empty()) return;
-    try {
-      impl_->parts.push_back(Compile("\\A(?:" + alternation + ")", true));
-    } catch (const RegexError&) {
-      for (size_t i = first; i < last; ++i) {
-        if (!marked[i].empty()) impl_->parts.push_back(Compile("\\A" + marked[i], true));
-      }
-    }
-  };
-  size_t first = 0;
-  size_t length = 0;
-  for (size_t i = 0; i < patterns.size(); ++i) {
-    if (length > 0 && length + marked[i].size() > kMaxSetPartLength) {
-      compile_part(first, i);
-      first = i;
-      length = 0;
-    }
-    length += marked[i].size();
   }
-  compile_part(first, patterns.size());
+  for (auto& [key, parts] : keyed) {
+    parts.insert(parts.end(), impl_->unknown.begin(), impl_->unknown.end());
+    std::sort(parts.begin(), parts.end(),
+              [&](size_t a, size_t b) { return impl_->parts[a].first < impl_->parts[b].first; });
+    impl_->keys.push_back(key);
+    impl_->keyed.push_back(std::move(parts));
+  }
 }
 
 RegexSet::~RegexSet() = default;
@@ -232,11 +317,25 @@ size_t RegexSet::FirstFullMatch(const RegexSubject& subject) const {
     const size_t rule = impl_->automaton->FirstFullMatch(subject.units_);
     return rule == RuleAutomaton::kNoMatch ? kNoMatch : rule;
   }
-  MatchResources& resources = MatchResources::ForThisThread();
-  for (const Code& part : impl_->parts) {
-    if (resources.Run(part.get(), subject.units_, 0, false)) return resources.MarkNumber();
+  const std::vector<size_t>* parts = &impl_->unknown;
+  if (!subject.units_.empty()) {
+    const char16_t key = FoldUnit(subject.units_[0]);
+    const auto found = std::lower_bound(impl_->keys.begin(), impl_->keys.end(), key);
+    if (found != impl_->keys.end() && *found == key) {
+      parts = &impl_->keyed[found - impl_->keys.begin()];
+    }
   }
-  return kNoMatch;
+  // A part's first rule above the best match so far: so are all the rules left.
+  MatchResources& resources = MatchResources::ForThisThread();
+  size_t best = kNoMatch;
+  for (const size_t index : *parts) {
+    const SetPart& part = impl_->parts[index];
+    if (part.first >= best) break;
+    if (resources.Run(part.code.get(), subject.units_, 0, false)) {
+      best = std::min(best, part.rule != SIZE_MAX ? part.rule : resources.MarkNumber());
+    }
+  }
+  return best;
 }
 
 }  // namespace rulenlu
