@@ -31,8 +31,4 @@ CandidateScore Ranker::Score(const IntentCandidate& candidate, int32_t index) {
   return Score(candidate.slots.size(), total, index);
 }
 
-CandidateScore Ranker::Score(size_t slot_count, uint32_t total_length, int32_t index) {
-  return {static_cast<int32_t>(slot_count), static_cast<int32_t>(total_length), index};
-}
-
 }  // namespace rulenlu

@@ -32,7 +32,9 @@ class Ranker {
 
   // The score of a candidate of `slot_count` slots whose lengths add up to `total_length`
   // (summed in 32 bits, wrapping around), found at position `index`.
-  static CandidateScore Score(size_t slot_count, uint32_t total_length, int32_t index);
+  static CandidateScore Score(size_t slot_count, uint32_t total_length, int32_t index) {
+    return {static_cast<int32_t>(slot_count), static_cast<int32_t>(total_length), index};
+  }
 
   // True when `a` ranks strictly before `b`: greater totalLength, or equal totalLength and
   // fewer slots. The index takes no part.

@@ -22,7 +22,8 @@ size_t Words(size_t bits) { return bits / 64 + 1; }
 // and missing units as 0: texts compare as their heads do, unless the heads are equal.
 uint64_t Head(std::u16string_view text) {
   uint64_t head = 0;
-  for (size_t i = 0; i < 4; ++i) head = head << 16 | (i < text.size() ? text[i] : 0);
+  const size_t length = std::min<size_t>(text.size(), 4);
+  for (size_t i = 0; i < length; ++i) head |= uint64_t{text[i]} << (48 - 16 * i);
   return head;
 }
 
@@ -101,9 +102,8 @@ struct RegexParser::PreparedTags {
 
   // Working space.
   struct SortKey {
-    uint32_t vocab;
+    unsigned __int128 key;  // the vocabulary, then the head of the text
     uint32_t index;
-    uint64_t head;
   };
   std::vector<SortKey> sort_keys;
   std::vector<QueryTag> unsorted;
@@ -128,12 +128,12 @@ void RegexParser::Prepare(std::u16string_view query, std::vector<QueryTag> tags,
   std::vector<PreparedTags::SortKey>& sort_keys = prepared->sort_keys;
   sort_keys.clear();
   for (uint32_t i = 0; i < unsorted.size(); ++i) {
-    sort_keys.push_back({unsorted[i].vocab, i, Head(text(i))});
+    sort_keys.push_back(
+        {static_cast<unsigned __int128>(unsorted[i].vocab) << 64 | Head(text(i)), i});
   }
   std::sort(sort_keys.begin(), sort_keys.end(),
             [&](const PreparedTags::SortKey& a, const PreparedTags::SortKey& b) {
-              if (a.vocab != b.vocab) return a.vocab < b.vocab;
-              if (a.head != b.head) return a.head < b.head;
+              if (a.key != b.key) return a.key < b.key;
               const int order = text(a.index).compare(text(b.index));
               return order != 0 ? order < 0 : a.index < b.index;
             });
@@ -145,8 +145,7 @@ void RegexParser::Prepare(std::u16string_view query, std::vector<QueryTag> tags,
     sorted.push_back(unsorted[sort_keys[i].index]);
     prepared->keys.push_back(vocab_keys_[sorted.back().vocab]);
     // Sorted: equal tags are neighbours.
-    const bool same_tag = i > 0 && sort_keys[i].vocab == sort_keys[i - 1].vocab &&
-                          sort_keys[i].head == sort_keys[i - 1].head &&
+    const bool same_tag = i > 0 && sort_keys[i].key == sort_keys[i - 1].key &&
                           text(sort_keys[i].index) == text(sort_keys[i - 1].index);
     prepared->classes.push_back(i == 0 ? 0 : prepared->classes.back() + (same_tag ? 0 : 1));
   }
