@@ -312,6 +312,12 @@ size_t RegexSet::size() const { return impl_->errors.size(); }
 bool RegexSet::compiled(size_t index) const { return impl_->errors.at(index).empty(); }
 const std::string& RegexSet::error(size_t index) const { return impl_->errors.at(index); }
 
+bool RegexSet::MayBeginWith(char16_t unit) const {
+  if (impl_->automaton.has_value()) return impl_->automaton->MayBeginWith(unit);
+  return !impl_->unknown.empty() ||
+         std::binary_search(impl_->keys.begin(), impl_->keys.end(), FoldUnit(unit));
+}
+
 size_t RegexSet::FirstFullMatch(const RegexSubject& subject) const {
   if (impl_->automaton.has_value()) {
     const size_t rule = impl_->automaton->FirstFullMatch(subject.units_);

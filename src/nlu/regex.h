@@ -117,6 +117,10 @@ class RegexSet {
   bool compiled(size_t index) const;
   const std::string& error(size_t index) const;
 
+  // False when no compiled rule matches a whole text that begins with `unit`; true when one
+  // may.
+  bool MayBeginWith(char16_t unit) const;
+
   // The lowest index of a compiled rule that matches the whole of `subject`, or kNoMatch.
   // Throws RegexError when the match exceeds its bounds (as a Regex would).
   size_t FirstFullMatch(const RegexSubject& subject) const;

@@ -24,11 +24,14 @@ class RuleAutomaton {
   static std::optional<RuleAutomaton> Build(const std::vector<const RegexTree*>& patterns,
                                             size_t max_cells);
 
+  // False when no pattern matches a text that begins with `unit`.
+  bool MayBeginWith(char16_t unit) const { return Step(kStart, unit) != kDead; }
+
   // The lowest index of a pattern that matches the whole of `text`, or kNoMatch.
   size_t FirstFullMatch(std::u16string_view text) const {
     uint32_t state = kStart;
     for (const char16_t unit : text) {
-      state = next_[state * classes_ + blocks_[block_of_[unit >> 8] + (unit & 0xff)]];
+      state = Step(state, unit);
       if (state == kDead) return kNoMatch;
     }
     return accepts_[state];
@@ -39,6 +42,10 @@ class RuleAutomaton {
   static constexpr uint32_t kStart = 1;
 
   RuleAutomaton() = default;
+
+  uint32_t Step(uint32_t state, char16_t unit) const {
+    return next_[state * classes_ + blocks_[block_of_[unit >> 8] + (unit & 0xff)]];
+  }
 
   // A unit's class: blocks_[block_of_[unit >> 8] + (unit & 0xff)]. Units of one class are
   // alike to every pattern; blocks of 256 units that are alike are stored once.

@@ -86,7 +86,8 @@ struct RegexParser::PreparedTags {
     uint32_t parent;
     uint32_t tag;
     uint32_t slots;
-    uint32_t total;  // the tags' lengths added up, wrapping around
+    uint32_t total;     // the tags' lengths added up, wrapping around
+    bool marker_first;  // its rewritten query begins with a marker, not with the query's text
     // Its extensions are combinations[first_child, end_child).
     uint32_t first_child = 0;
     uint32_t end_child = 0;
@@ -161,12 +162,12 @@ void RegexParser::Prepare(std::u16string_view query, std::vector<QueryTag> tags,
     const uint64_t* accepting = &key_intents_[prepared->keys[t] * words];
     const auto length = static_cast<uint32_t>(sorted[t].length);
     if (parent == kNone) {
-      combinations.push_back({kNone, t, 1, length});
+      combinations.push_back({kNone, t, 1, length, sorted[t].start == 0});
       for (size_t w = 0; w < words; ++w) intents.push_back(accepting[w]);
       return;
     }
     const PreparedTags::Combination& from = combinations[parent];
-    combinations.push_back({parent, t, from.slots + 1, from.total + length});
+    combinations.push_back({parent, t, from.slots + 1, from.total + length, from.marker_first});
     for (size_t w = 0; w < words; ++w)
       intents.push_back(intents[parent * words + w] & accepting[w]);
   };
@@ -249,7 +250,8 @@ const RegexParser::Rules& RegexParser::RulesOf(const Intent& intent) const {
     size_t first_broken = 0;
     while (first_broken < all.size() && all.compiled(first_broken)) ++first_broken;
     if (first_broken == all.size()) {
-      intent.rules = std::make_unique<const Rules>(Rules{std::move(all), std::string()});
+      const bool marker = all.MayBeginWith(u'<');
+      intent.rules = std::make_unique<const Rules>(Rules{std::move(all), std::string(), marker});
     } else {
       // The rule that did not compile is reported only when a query reaches it; the rules
       // after it are never reached.
@@ -257,7 +259,9 @@ const RegexParser::Rules& RegexParser::RulesOf(const Intent& intent) const {
                            " does not compile: " + all.error(first_broken);
       RegexSet before(std::vector<std::u16string>(intent.patterns.begin(),
                                                   intent.patterns.begin() + first_broken));
-      intent.rules = std::make_unique<const Rules>(Rules{std::move(before), std::move(broken)});
+      const bool marker = before.MayBeginWith(u'<');
+      intent.rules =
+          std::make_unique<const Rules>(Rules{std::move(before), std::move(broken), marker});
       any_broken_rule_ = true;
     }
     --uncompiled_;
@@ -341,13 +345,6 @@ void ForEachBit(const uint64_t* set, size_t words, Visit&& visit) {
   }
 }
 
-bool AnyBit(const uint64_t* set, size_t words) {
-  for (size_t w = 0; w < words; ++w) {
-    if (set[w] != 0) return true;
-  }
-  return false;
-}
-
 // A combination's place in rank order, as one number: its rank key, then its place in
 // combination order.
 using RankEntry = unsigned __int128;
@@ -359,6 +356,7 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
   struct Space {
     PreparedTags prepared;
     Matching matching;
+    std::vector<uint64_t> viable;
     std::vector<RankEntry> ranked;
   };
   thread_local Space space;
@@ -407,11 +405,32 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
   // Candidates in rank order: most covered units, then fewest slots, then the order in which
   // the exhaustive search finds them (combination order, then intent order). A heap, as the
   // search usually stops after a few. A combination that no intent accepts gives no candidate.
+  // A pair whose intent has no rule that can begin as the rewritten query does is left out:
+  // viable[w] holds the intents whose rules may begin with the query's first unit, and
+  // viable[words + w] those whose rules may begin with a marker.
+  std::vector<uint64_t>& viable = space.viable;
+  viable.assign(2 * words, 0);
+  for (const PreparedTags::Combination& combination : prepared.combinations) {
+    const size_t c = static_cast<size_t>(&combination - prepared.combinations.data());
+    for (size_t w = 0; w < words; ++w) viable[w] |= accepting[c * words + w];
+  }
+  ForEachBit(viable.data(), words, [&](size_t i) {
+    const Rules& rules = RulesOf(intents_[i]);
+    const uint64_t bit = uint64_t{1} << (i % 64);
+    const bool any = !rules.broken.empty();  // reaching it fails the query: never left out
+    if (!any && !rules.before_broken.MayBeginWith(query[0])) viable[i / 64] &= ~bit;
+    if (any || rules.may_begin_with_marker) viable[words + i / 64] |= bit;
+  });
+  const auto pairs = [&](uint32_t c, size_t w) {
+    return accepting[c * words + w] & viable[prepared.combinations[c].marker_first * words + w];
+  };
   std::vector<RankEntry>& ranked = space.ranked;
   ranked.clear();
   for (uint32_t position = 0; position < prepared.order.size(); ++position) {
     const uint32_t c = prepared.order[position];
-    if (!AnyBit(accepting + c * words, words)) continue;
+    bool any_pair = false;
+    for (size_t w = 0; w < words; ++w) any_pair = any_pair || pairs(c, w) != 0;
+    if (!any_pair) continue;
     const PreparedTags::Combination& combination = prepared.combinations[c];
     const CandidateScore score =
         Ranker::Score(combination.slots, combination.total, static_cast<int32_t>(position));
@@ -423,13 +442,14 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
     std::pop_heap(ranked.begin(), ranked.end(), after);
     const uint32_t c = prepared.order[static_cast<uint32_t>(ranked.back())];
     ranked.pop_back();
-    std::optional<IntentCandidate> found;
-    ForEachBit(accepting + c * words, words, [&](size_t i) {
-      if (!found.has_value() && Match(intents_[i], c, &matching).has_value()) {
-        found = MakeCandidate(query, intents_[i], prepared, c);
+    for (size_t w = 0; w < words; ++w) {
+      for (uint64_t bits = pairs(c, w); bits != 0; bits &= bits - 1) {
+        const Intent& intent = intents_[w * 64 + static_cast<size_t>(__builtin_ctzll(bits))];
+        if (Match(intent, c, &matching).has_value()) {
+          return MakeCandidate(query, intent, prepared, c);
+        }
       }
-    });
-    if (found.has_value()) return found;
+    }
   }
   return std::nullopt;
 }

@@ -100,6 +100,7 @@ class RegexParser {
     // that one, which fails every query that reaches it (empty when all compiled).
     RegexSet before_broken;
     std::string broken;
+    bool may_begin_with_marker;  // some rule before the broken one may begin with "<"
   };
   // What Parse needs of an intent, in name order. Its rules are compiled the first time a query
   // needs them, so that start-up compiles nothing a query never reaches.
