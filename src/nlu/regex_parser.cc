@@ -103,9 +103,11 @@ struct RegexParser::PreparedTags {
 
   // Working space.
   struct SortKey {
-    unsigned __int128 key;  // the vocabulary, then the head of the text
+    uint64_t head;  // of the tag's text
+    uint32_t vocab;
     uint32_t index;
   };
+  std::vector<uint32_t> vocab_next;
   std::vector<SortKey> sort_keys;
   std::vector<QueryTag> unsorted;
   std::vector<std::pair<uint32_t, uint32_t>> pending;
@@ -122,22 +124,30 @@ struct RegexParser::PreparedTags {
 void RegexParser::Prepare(std::u16string_view query, std::vector<QueryTag> tags,
                           PreparedTags* prepared) const {
   // Tag order: by vocabulary name (byte-wise, as the positions of the names are), then by text;
-  // stable. The heads settle most comparisons without reading the query.
+  // stable. A counting sort by vocabulary, then a sort of each vocabulary's tags, whose heads
+  // settle most comparisons without reading the query.
   prepared->unsorted = std::move(tags);
   const std::vector<QueryTag>& unsorted = prepared->unsorted;
   auto text = [&](uint32_t i) { return query.substr(unsorted[i].start, unsorted[i].length); };
+  std::vector<uint32_t>& next = prepared->vocab_next;
+  next.assign(vocab_names_.size() + 1, 0);
+  for (const QueryTag& tag : unsorted) ++next[tag.vocab + 1];
+  for (size_t v = 1; v < next.size(); ++v) next[v] += next[v - 1];
   std::vector<PreparedTags::SortKey>& sort_keys = prepared->sort_keys;
-  sort_keys.clear();
+  sort_keys.resize(unsorted.size());
   for (uint32_t i = 0; i < unsorted.size(); ++i) {
-    sort_keys.push_back(
-        {static_cast<unsigned __int128>(unsorted[i].vocab) << 64 | Head(text(i)), i});
+    sort_keys[next[unsorted[i].vocab]++] = {Head(text(i)), unsorted[i].vocab, i};
   }
-  std::sort(sort_keys.begin(), sort_keys.end(),
-            [&](const PreparedTags::SortKey& a, const PreparedTags::SortKey& b) {
-              if (a.key != b.key) return a.key < b.key;
-              const int order = text(a.index).compare(text(b.index));
-              return order != 0 ? order < 0 : a.index < b.index;
-            });
+  const auto less = [&](const PreparedTags::SortKey& a, const PreparedTags::SortKey& b) {
+    if (a.head != b.head) return a.head < b.head;
+    const int order = text(a.index).compare(text(b.index));
+    return order != 0 ? order < 0 : a.index < b.index;
+  };
+  for (size_t begin = 0, end = 0; begin < sort_keys.size(); begin = end) {
+    while (end < sort_keys.size() && sort_keys[end].vocab == sort_keys[begin].vocab) ++end;
+    std::sort(sort_keys.begin() + static_cast<ptrdiff_t>(begin),
+              sort_keys.begin() + static_cast<ptrdiff_t>(end), less);
+  }
   std::vector<QueryTag>& sorted = prepared->tags;
   sorted.clear();
   prepared->keys.clear();
@@ -146,7 +156,8 @@ void RegexParser::Prepare(std::u16string_view query, std::vector<QueryTag> tags,
     sorted.push_back(unsorted[sort_keys[i].index]);
     prepared->keys.push_back(vocab_keys_[sorted.back().vocab]);
     // Sorted: equal tags are neighbours.
-    const bool same_tag = i > 0 && sort_keys[i].key == sort_keys[i - 1].key &&
+    const bool same_tag = i > 0 && sort_keys[i].vocab == sort_keys[i - 1].vocab &&
+                          sort_keys[i].head == sort_keys[i - 1].head &&
                           text(sort_keys[i].index) == text(sort_keys[i - 1].index);
     prepared->classes.push_back(i == 0 ? 0 : prepared->classes.back() + (same_tag ? 0 : 1));
   }
