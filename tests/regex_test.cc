@@ -77,6 +77,7 @@ TEST(Regex, SearchesAndMatches) {
       {E, u"a[]", u"a", 0, "none"}, {E, u"[^]", u"\n", 0, "0+1 whole"}, {P, u"[]a]+", u"a]", 0, "0+2 whole"},
       {E, u"a**", u"aa", 0, "0+2 whole"}, {E, u"a+?", u"aa", 0, "0+1 whole"}, {P, u"a+?", u"aa", 0, "0+2 whole"},
       {E, u"a{4294967297}", u"aa", 0, "0+1"}, {E, u"a{2147483648}b", u"ab", 0, "1+1"},
+      {E, u"(?=\u00E9)a?\u00E9", u"x\u00E9", 0, "1+1"}, {E, u"(a+)+b", u"aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", 0, "none"},
       {E, u"(a)\\4294967297", u"aa", 0, "0+2 whole"}, {E, u"[[=a=]]+", u"aAb", 0, "0+2"},
       {P, u"[[.hyphen.][:digit:]]+", u"x-1", 0, "1+2"}, {P, u"[a-c-e]", u"", 0, "bad"},
       {E, u"\\1(a)", u"a", 0, "bad"}, {E, u"(a\\1)", u"a", 0, "bad"}, {E, u"(?<=a)", u"", 0, "bad"},
@@ -382,6 +383,42 @@ TEST(Regex, SetRuleCompilesAsARegexAtTheSizeLimit) {
   }
   EXPECT_GT(compiled, 0u);
   EXPECT_LT(compiled, 16u);
+}
+
+// A finder of many patterns never rules out one that a search would find, and rules out those
+// it can answer that a search would not find.
+TEST(Regex, FinderRulesOutExactlyThePatternsWithoutAMatch) {
+  std::vector<std::u16string> patterns = {u"^a",        u"\\bb", u"(?=c)c", u"(d)\\1", u"e+f",
+                                          u"[0-9]{2}$", u"\\Bg", u"(",      u"h|i?j",  u"(a+)+k"};
+  for (int i = 0; i < 70; ++i) patterns.push_back(u"x" + Utf8ToUtf16(std::to_string(i)) + u"\\b");
+  const RegexFinder finder(patterns);
+  std::vector<std::unique_ptr<Regex>> single;
+  for (const std::u16string& pattern : patterns) {
+    try {
+      single.push_back(std::make_unique<Regex>(pattern, E));
+    } catch (const RegexError&) {
+      single.push_back(nullptr);
+    }
+  }
+  const std::u16string texts[] = {u"",       u"a b", u"ab", u"cc dd", u"ef 12",
+                                  u"eef1",   u"xg",  u"gx", u"j",     u"aaaaaaaaaaaaaaaaaaaaaaaaak",
+                                  u"x7 x12", u"x70"};
+  size_t ruled_out = 0;
+  std::vector<bool> may_match;
+  for (const std::u16string& text : texts) {
+    const RegexSubject subject(text);
+    finder.MayMatch(subject, &may_match);
+    ASSERT_EQ(may_match.size(), patterns.size());
+    for (size_t i = 0; i < patterns.size(); ++i) {
+      RegexMatch match;
+      const bool found = single[i] != nullptr && single[i]->Search(subject, 0, &match);
+      // Lookaheads, references and patterns that do not compile cannot be answered.
+      const bool answerable = i != 2 && i != 3 && i != 7;
+      EXPECT_EQ(may_match[i], found || !answerable) << Utf16ToUtf8(patterns[i] + u" on " + text);
+      ruled_out += !may_match[i];
+    }
+  }
+  EXPECT_GT(ruled_out, 500u);
 }
 
 // One compiled expression, many threads: every thread gets the answers one thread gets.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <map>
+#include <optional>
 #include <utility>
 
 #include "nlu/regex_automaton.h"
@@ -57,7 +58,14 @@ Code Compile(const std::string& pcre, bool jit) {
   const std::u16string units(pcre.begin(), pcre.end());
   int error = 0;
   PCRE2_SIZE offset = 0;
-  Code code(pcre2_compile(reinterpret_cast<PCRE2_SPTR>(units.data()), units.size(), 0, &error,
+  // With a lookahead, the matcher's start-up shortcuts can miss matches: (?=\x{e9})a?\x{e9}
+  // does not find "\x{e9}", as it wants its required unit after the lookahead's. (Translated
+  // patterns write every other parenthesis as \x{28}.)
+  const uint32_t options =
+      pcre.find("(?=") != std::string::npos || pcre.find("(?!") != std::string::npos
+          ? PCRE2_NO_START_OPTIMIZE
+          : 0;
+  Code code(pcre2_compile(reinterpret_cast<PCRE2_SPTR>(units.data()), units.size(), options, &error,
                           &offset, CompileContext()));
   if (code == nullptr) {
     throw RegexError("not supported: the pattern is too large or complex for the matcher (" +
@@ -342,6 +350,65 @@ size_t RegexSet::FirstFullMatch(const RegexSubject& subject) const {
     }
   }
   return best;
+}
+
+struct RegexFinder::Impl {
+  struct Group {
+    SearchAutomaton automaton;
+    size_t first;  // the pattern of the automaton's bit 0
+  };
+  std::vector<Group> groups;
+  std::vector<size_t> unknown;  // patterns no automaton answers
+  size_t patterns = 0;
+};
+
+RegexFinder::RegexFinder(const std::vector<std::u16string>& patterns)
+    : impl_(std::make_unique<Impl>()) {
+  impl_->patterns = patterns.size();
+  std::vector<std::optional<RegexTree>> trees(patterns.size());
+  for (size_t i = 0; i < patterns.size(); ++i) {
+    try {
+      trees[i] = TranslateRegex(patterns[i], RegexGrammar::kEcmaScript).tree;
+    } catch (const RegexError&) {
+      // Such a pattern fails elsewhere; here it only counts as possibly matching.
+    }
+  }
+  // Runs of patterns in one automaton each; a run whose automaton is too large is halved.
+  std::vector<std::pair<size_t, size_t>> runs;
+  for (size_t first = 0; first < patterns.size(); first += SearchAutomaton::kMaxPatterns) {
+    runs.emplace_back(first, std::min(patterns.size(), first + SearchAutomaton::kMaxPatterns));
+  }
+  while (!runs.empty()) {
+    const auto [first, last] = runs.back();
+    runs.pop_back();
+    std::vector<const RegexTree*> run;
+    for (size_t i = first; i < last && trees[i].has_value(); ++i) run.push_back(&*trees[i]);
+    std::optional<SearchAutomaton> automaton;
+    if (run.size() == last - first) automaton = SearchAutomaton::Build(run, kMaxAutomatonCells);
+    if (automaton.has_value()) {
+      impl_->groups.push_back({std::move(*automaton), first});
+    } else if (last - first > 1) {
+      runs.emplace_back(first, first + (last - first) / 2);
+      runs.emplace_back(first + (last - first) / 2, last);
+    } else {
+      impl_->unknown.push_back(first);
+    }
+  }
+}
+
+RegexFinder::~RegexFinder() = default;
+RegexFinder::RegexFinder(RegexFinder&&) noexcept = default;
+RegexFinder& RegexFinder::operator=(RegexFinder&&) noexcept = default;
+
+void RegexFinder::MayMatch(const RegexSubject& subject, std::vector<bool>* may_match) const {
+  may_match->assign(impl_->patterns, false);
+  for (const size_t i : impl_->unknown) (*may_match)[i] = true;
+  for (const Impl::Group& group : impl_->groups) {
+    for (uint64_t found = group.automaton.Matching(subject.units_); found != 0;
+         found &= found - 1) {
+      (*may_match)[group.first + static_cast<size_t>(__builtin_ctzll(found))] = true;
+    }
+  }
 }
 
 }  // namespace rulenlu

@@ -68,6 +68,7 @@ class RegexSubject {
 
  private:
   friend class Regex;
+  friend class RegexFinder;
   friend class RegexSet;
   std::u16string units_;
 };
@@ -92,6 +93,26 @@ class Regex {
 
   // True when the pattern matches the whole of `subject`. Throws RegexError like Search.
   bool FullMatch(const RegexSubject& subject) const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// Many ECMAScript patterns told apart in one pass over a text: which of them may have a match
+// in it at all. Most patterns of a configuration have none in most queries, and then need no
+// search.
+class RegexFinder {
+ public:
+  explicit RegexFinder(const std::vector<std::u16string>& patterns);
+  ~RegexFinder();
+  RegexFinder(RegexFinder&&) noexcept;
+  RegexFinder& operator=(RegexFinder&&) noexcept;
+
+  // Sets (*may_match)[i] to false when patterns[i] has no match anywhere in `subject` (a search
+  // from offset 0 finds nothing), to true otherwise. A pattern that does not compile, or that
+  // this cannot tell, counts as possibly matching.
+  void MayMatch(const RegexSubject& subject, std::vector<bool>* may_match) const;
 
  private:
   struct Impl;

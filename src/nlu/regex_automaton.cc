@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <tuple>
 #include <utility>
 
 namespace rulenlu {
@@ -38,7 +39,7 @@ Ranges Normalized(const std::vector<std::pair<char16_t, char16_t>>& ranges) {
 // A nondeterministic automaton with empty moves, built from the trees.
 class Nfa {
  public:
-  enum Assertion : uint8_t { kNoAssertion, kAtBegin, kAtEnd };
+  enum Assertion : uint8_t { kNoAssertion, kAtBegin, kAtEnd, kAtWordBound, kAtNoWordBound };
 
   struct State {
     std::vector<uint32_t> empty;  // moves on no unit
@@ -48,7 +49,9 @@ class Nfa {
     uint32_t accept = kNone;             // the pattern matched when the text ends here
   };
 
-  explicit Nfa(size_t max_states) : max_states_(max_states) {}
+  // With `word_bounds`, \b and \B are kept as assertions; without, they make the pattern
+  // unsupported.
+  Nfa(size_t max_states, bool word_bounds) : max_states_(max_states), word_bounds_(word_bounds) {}
 
   // Adds `tree` as pattern `pattern`, reachable from the start state.
   void AddPattern(const RegexTree& tree, uint32_t pattern) {
@@ -84,13 +87,13 @@ class Nfa {
       case RegexNode::kSet:
         return Unit(Atom(Normalized(tree_->sets[node.index])));
       case RegexNode::kLineBegin:
-      case RegexNode::kLineEnd: {
-        const uint32_t start = NewState();
-        const uint32_t end = NewState();
-        states_[start].assertion = node.kind == RegexNode::kLineBegin ? kAtBegin : kAtEnd;
-        states_[start].empty.push_back(end);
-        return {start, end};
-      }
+        return Assert(kAtBegin);
+      case RegexNode::kLineEnd:
+        return Assert(kAtEnd);
+      case RegexNode::kWordBound:
+      case RegexNode::kNotWordBound:
+        if (!word_bounds_) throw Unsupported();
+        return Assert(node.kind == RegexNode::kWordBound ? kAtWordBound : kAtNoWordBound);
       case RegexNode::kGroup:
       case RegexNode::kNoGroup:
         return Build(node.kids[0]);
@@ -116,9 +119,17 @@ class Nfa {
       }
       case RegexNode::kRepeat:
         return Repeat(node);
-      default:  // back-references, word boundaries, lookaheads
+      default:  // back-references, lookaheads
         throw Unsupported();
     }
+  }
+
+  std::pair<uint32_t, uint32_t> Assert(Assertion assertion) {
+    const uint32_t start = NewState();
+    const uint32_t end = NewState();
+    states_[start].assertion = assertion;
+    states_[start].empty.push_back(end);
+    return {start, end};
   }
 
   std::pair<uint32_t, uint32_t> Unit(uint32_t atom) {
@@ -161,23 +172,32 @@ class Nfa {
   }
 
   size_t max_states_;
+  bool word_bounds_;
   const RegexTree* tree_ = nullptr;
   std::vector<State> states_;
   std::map<Ranges, uint32_t> atom_ids_;
   std::vector<Ranges> atoms_;
 };
 
-// The classes of units: units that every atom either holds or not alike share a class.
-struct UnitClasses {
+// How the atoms divide the units: units that every atom either holds or not alike share a
+// class.
+struct Partition {
   std::vector<uint32_t> cuts;  // class of units [cuts[i], cuts[i + 1]) is of_piece[i]
   std::vector<uint16_t> of_piece;
   std::vector<std::vector<bool>> atoms;  // per atom, per class: whether the atom holds it
   size_t count = 0;
+
+  // The class of some unit of each class.
+  std::vector<uint32_t> Representatives() const {
+    std::vector<uint32_t> units(count);
+    for (size_t p = of_piece.size(); p > 0; --p) units[of_piece[p - 1]] = cuts[p - 1];
+    return units;
+  }
 };
 
-UnitClasses ClassesOf(const std::vector<Ranges>& atoms) {
-  UnitClasses classes;
-  std::vector<uint32_t>& cuts = classes.cuts;
+Partition PartitionOf(const std::vector<Ranges>& atoms) {
+  Partition partition;
+  std::vector<uint32_t>& cuts = partition.cuts;
   cuts = {0, kUnits};
   for (const Ranges& ranges : atoms) {
     for (const auto& [first, last] : ranges) {
@@ -188,39 +208,48 @@ UnitClasses ClassesOf(const std::vector<Ranges>& atoms) {
   std::sort(cuts.begin(), cuts.end());
   cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
   const size_t pieces = cuts.size() - 1;
-  auto piece_of = [&](uint32_t unit) {
-    return static_cast<size_t>(std::upper_bound(cuts.begin(), cuts.end(), unit) - cuts.begin() - 1);
-  };
   // Per piece, the atoms holding it: pieces with equal lists share a class.
   std::vector<std::vector<uint32_t>> holders(pieces);
   for (uint32_t a = 0; a < atoms.size(); ++a) {
     for (const auto& [first, last] : atoms[a]) {
-      for (size_t p = piece_of(first); p < pieces && cuts[p] <= last; ++p) holders[p].push_back(a);
+      const auto piece = std::upper_bound(cuts.begin(), cuts.end(), first) - cuts.begin() - 1;
+      for (auto p = static_cast<size_t>(piece); p < pieces && cuts[p] <= last; ++p) {
+        holders[p].push_back(a);
+      }
     }
   }
   std::map<std::vector<uint32_t>, uint16_t> ids;
-  classes.of_piece.resize(pieces);
+  partition.of_piece.resize(pieces);
   for (size_t p = 0; p < pieces; ++p) {
     const auto [it, added] = ids.emplace(holders[p], static_cast<uint16_t>(ids.size()));
     if (added && ids.size() > UINT16_MAX) throw Unsupported();
-    classes.of_piece[p] = it->second;
+    partition.of_piece[p] = it->second;
   }
-  classes.count = ids.size();
-  classes.atoms.assign(atoms.size(), std::vector<bool>(classes.count, false));
+  partition.count = ids.size();
+  partition.atoms.assign(atoms.size(), std::vector<bool>(partition.count, false));
   for (const auto& [holding, id] : ids) {
-    for (const uint32_t a : holding) classes.atoms[a][id] = true;
+    for (const uint32_t a : holding) partition.atoms[a][id] = true;
   }
-  return classes;
+  return partition;
 }
 
 // Closures of sets of NFA states over their empty moves.
 class Closer {
  public:
+  // Where the closure stands: whether at the text's start or end, and whether the units before
+  // and after are parts of words.
+  struct Place {
+    bool at_begin = false;
+    bool at_end = false;
+    bool word_before = false;
+    bool word_after = false;
+  };
+
   explicit Closer(const Nfa& nfa) : states_(nfa.states()), seen_(nfa.states().size(), 0) {}
 
-  // `seeds` with every state reachable from them by empty moves, sorted; a `^` is passed only
-  // when `at_begin`, a `$` only when `at_end`.
-  std::vector<uint32_t> Close(const std::vector<uint32_t>& seeds, bool at_begin, bool at_end) {
+  // `seeds` with every state reachable from them by empty moves whose assertions hold at
+  // `place`, sorted.
+  std::vector<uint32_t> Close(const std::vector<uint32_t>& seeds, const Place& place) {
     ++stamp_;
     std::vector<uint32_t> out;
     std::vector<uint32_t> stack;
@@ -228,10 +257,7 @@ class Closer {
     while (!stack.empty()) {
       const Nfa::State& state = states_[stack.back()];
       stack.pop_back();
-      if ((state.assertion == Nfa::kAtBegin && !at_begin) ||
-          (state.assertion == Nfa::kAtEnd && !at_end)) {
-        continue;
-      }
+      if (!Holds(state.assertion, place)) continue;
       for (const uint32_t s : state.empty) Visit(s, &out, &stack);
     }
     std::sort(out.begin(), out.end());
@@ -239,6 +265,21 @@ class Closer {
   }
 
  private:
+  static bool Holds(Nfa::Assertion assertion, const Place& place) {
+    switch (assertion) {
+      case Nfa::kAtBegin:
+        return place.at_begin;
+      case Nfa::kAtEnd:
+        return place.at_end;
+      case Nfa::kAtWordBound:
+        return place.word_before != place.word_after;
+      case Nfa::kAtNoWordBound:
+        return place.word_before == place.word_after;
+      default:
+        return true;
+    }
+  }
+
   void Visit(uint32_t s, std::vector<uint32_t>* out, std::vector<uint32_t>* stack) {
     if (seen_[s] == stamp_) return;
     seen_[s] = stamp_;
@@ -253,70 +294,174 @@ class Closer {
 
 }  // namespace
 
-std::optional<RuleAutomaton> RuleAutomaton::Build(const std::vector<const RegexTree*>& patterns,
-                                                  size_t max_cells) {
-  try {
-    Nfa nfa(kMaxNfaStates);
-    for (size_t p = 0; p < patterns.size(); ++p) {
-      if (patterns[p] != nullptr) nfa.AddPattern(*patterns[p], static_cast<uint32_t>(p));
-    }
-    if (nfa.states().empty()) return std::nullopt;
-    const UnitClasses classes = ClassesOf(nfa.atoms());
-
-    RuleAutomaton automaton;
-    automaton.classes_ = classes.count;
-    // Unit classes by blocks of 256 units, alike blocks stored once.
+// Fills the automata's private parts.
+class AutomatonBuilder {
+ public:
+  static void SetClasses(const Partition& partition, UnitClasses* classes) {
+    classes->count_ = partition.count;
     std::map<std::vector<uint16_t>, uint32_t> block_ids;
-    automaton.block_of_.resize(kUnits / 256);
+    classes->block_of_.resize(kUnits / 256);
     size_t piece = 0;
     for (uint32_t block = 0; block < kUnits / 256; ++block) {
       std::vector<uint16_t> units(256);
       for (uint32_t u = 0; u < 256; ++u) {
-        while (classes.cuts[piece + 1] <= block * 256 + u) ++piece;
-        units[u] = classes.of_piece[piece];
+        while (partition.cuts[piece + 1] <= block * 256 + u) ++piece;
+        units[u] = partition.of_piece[piece];
       }
       const auto [it, added] =
-          block_ids.emplace(units, static_cast<uint32_t>(automaton.blocks_.size()));
-      if (added) automaton.blocks_.insert(automaton.blocks_.end(), units.begin(), units.end());
-      automaton.block_of_[block] = it->second;
+          block_ids.emplace(units, static_cast<uint32_t>(classes->blocks_.size()));
+      if (added) classes->blocks_.insert(classes->blocks_.end(), units.begin(), units.end());
+      classes->block_of_[block] = it->second;
     }
+  }
 
-    // Subset construction: state 0 is the empty set (dead), state 1 the start.
-    const std::vector<Nfa::State>& states = nfa.states();
-    Closer closer(nfa);
-    std::vector<std::vector<uint32_t>> sets = {{}, closer.Close({0}, true, false)};
-    std::map<std::vector<uint32_t>, uint32_t> ids = {{{}, kDead}};
-    const size_t width = classes.count;
-    std::vector<std::vector<uint32_t>> moves(width);
-    for (size_t d = 1; d < sets.size(); ++d) {
-      if ((d + 1) * width > max_cells) return std::nullopt;
-      for (std::vector<uint32_t>& move : moves) move.clear();
-      for (const uint32_t s : sets[d]) {
-        const Nfa::State& state = states[s];
-        if (state.atom == kNone) continue;
-        const std::vector<bool>& held = classes.atoms[state.atom];
-        for (size_t c = 0; c < width; ++c) {
-          if (held[c]) moves[c].push_back(state.next);
-        }
-      }
+  static std::optional<RuleAutomaton> Rules(const std::vector<const RegexTree*>& patterns,
+                                            size_t max_cells);
+  static std::optional<SearchAutomaton> Search(const std::vector<const RegexTree*>& patterns,
+                                               size_t max_cells);
+};
+
+std::optional<RuleAutomaton> AutomatonBuilder::Rules(const std::vector<const RegexTree*>& patterns,
+                                                     size_t max_cells) {
+  Nfa nfa(kMaxNfaStates, false);
+  for (size_t p = 0; p < patterns.size(); ++p) {
+    if (patterns[p] != nullptr) nfa.AddPattern(*patterns[p], static_cast<uint32_t>(p));
+  }
+  if (nfa.states().empty()) return std::nullopt;
+  const Partition partition = PartitionOf(nfa.atoms());
+  RuleAutomaton automaton;
+  SetClasses(partition, &automaton.classes_);
+
+  // Subset construction: state 0 is the empty set (dead), state 1 the start.
+  const std::vector<Nfa::State>& states = nfa.states();
+  Closer closer(nfa);
+  Closer::Place inside;
+  Closer::Place start = inside;
+  start.at_begin = true;
+  std::vector<std::vector<uint32_t>> sets = {{}, closer.Close({0}, start)};
+  std::map<std::vector<uint32_t>, uint32_t> ids = {{{}, RuleAutomaton::kDead}};
+  const size_t width = partition.count;
+  std::vector<std::vector<uint32_t>> moves(width);
+  for (size_t d = 1; d < sets.size(); ++d) {
+    if ((d + 1) * width > max_cells) return std::nullopt;
+    for (std::vector<uint32_t>& move : moves) move.clear();
+    for (const uint32_t s : sets[d]) {
+      const Nfa::State& state = states[s];
+      if (state.atom == kNone) continue;
+      const std::vector<bool>& held = partition.atoms[state.atom];
       for (size_t c = 0; c < width; ++c) {
-        std::vector<uint32_t> target = closer.Close(moves[c], false, false);
-        const auto [it, added] = ids.emplace(target, static_cast<uint32_t>(sets.size()));
-        if (added) sets.push_back(std::move(target));
-        automaton.next_.push_back(it->second);
+        if (held[c]) moves[c].push_back(state.next);
       }
     }
-    // The dead state's row comes first: it stays dead.
-    automaton.next_.insert(automaton.next_.begin(), width, kDead);
-    automaton.accepts_.resize(sets.size(), kNoMatch);
-    for (size_t d = 1; d < sets.size(); ++d) {
-      for (const uint32_t s : closer.Close(sets[d], d == kStart, true)) {
-        if (states[s].accept != kNone) {
-          automaton.accepts_[d] = std::min<size_t>(automaton.accepts_[d], states[s].accept);
+    for (size_t c = 0; c < width; ++c) {
+      std::vector<uint32_t> target = closer.Close(moves[c], inside);
+      const auto [it, added] = ids.emplace(target, static_cast<uint32_t>(sets.size()));
+      if (added) sets.push_back(std::move(target));
+      automaton.next_.push_back(it->second);
+    }
+  }
+  // The dead state's row comes first: it stays dead.
+  automaton.next_.insert(automaton.next_.begin(), width, RuleAutomaton::kDead);
+  automaton.accepts_.resize(sets.size(), RuleAutomaton::kNoMatch);
+  for (size_t d = 1; d < sets.size(); ++d) {
+    Closer::Place end = d == RuleAutomaton::kStart ? start : inside;
+    end.at_end = true;
+    for (const uint32_t s : closer.Close(sets[d], end)) {
+      if (states[s].accept != kNone) {
+        automaton.accepts_[d] = std::min<size_t>(automaton.accepts_[d], states[s].accept);
+      }
+    }
+  }
+  return automaton;
+}
+
+std::optional<SearchAutomaton> AutomatonBuilder::Search(
+    const std::vector<const RegexTree*>& patterns, size_t max_cells) {
+  if (patterns.empty() || patterns.size() > SearchAutomaton::kMaxPatterns) return std::nullopt;
+  Nfa nfa(kMaxNfaStates, true);
+  for (size_t p = 0; p < patterns.size(); ++p)
+    nfa.AddPattern(*patterns[p], static_cast<uint32_t>(p));
+  // Word units in classes of their own, so that each class is all word units or none.
+  std::vector<Ranges> atoms = nfa.atoms();
+  atoms.push_back({{u'0', u'9'}, {u'A', u'Z'}, {u'_', u'_'}, {u'a', u'z'}});
+  const Partition partition = PartitionOf(atoms);
+  SearchAutomaton automaton;
+  SetClasses(partition, &automaton.classes_);
+  const size_t width = partition.count;
+  std::vector<bool> word_class(width);
+  const std::vector<uint32_t> representatives = partition.Representatives();
+  for (size_t c = 0; c < width; ++c) {
+    word_class[c] = SearchAutomaton::IsWordUnit(static_cast<char16_t>(representatives[c]));
+  }
+
+  // A state: the NFA states matches may be in before the next unit (their empty moves not yet
+  // taken, as assertions depend on that unit), whether the unit before was part of a word, and
+  // whether nothing was read yet. A new match may begin at every unit.
+  struct State {
+    std::vector<uint32_t> set;
+    bool word_before;
+    bool at_begin;
+    bool operator<(const State& other) const {
+      return std::tie(set, word_before, at_begin) <
+             std::tie(other.set, other.word_before, other.at_begin);
+    }
+  };
+  const std::vector<Nfa::State>& states = nfa.states();
+  auto found_in = [&](const std::vector<uint32_t>& closed) {
+    uint64_t found = 0;
+    for (const uint32_t s : closed) {
+      if (states[s].accept != kNone) found |= uint64_t{1} << states[s].accept;
+    }
+    return found;
+  };
+  Closer closer(nfa);
+  std::vector<State> all = {{{0}, false, true}};
+  std::map<State, uint32_t> ids = {{all[0], SearchAutomaton::kStart}};
+  for (size_t d = 0; d < all.size(); ++d) {
+    if ((d + 1) * width > max_cells) return std::nullopt;
+    for (size_t c = 0; c < width; ++c) {
+      Closer::Place place;
+      place.at_begin = all[d].at_begin;
+      place.word_before = all[d].word_before;
+      place.word_after = word_class[c];
+      const std::vector<uint32_t> closed = closer.Close(all[d].set, place);
+      State to{{0}, word_class[c], false};
+      for (const uint32_t s : closed) {
+        if (states[s].atom != kNone && partition.atoms[states[s].atom][c]) {
+          to.set.push_back(states[s].next);
         }
       }
+      std::sort(to.set.begin(), to.set.end());
+      to.set.erase(std::unique(to.set.begin(), to.set.end()), to.set.end());
+      automaton.found_before_.push_back(found_in(closed));
+      const auto [it, added] = ids.emplace(to, static_cast<uint32_t>(all.size()));
+      if (added) all.push_back(std::move(to));
+      automaton.next_.push_back(it->second);
     }
-    return automaton;
+  }
+  for (const State& state : all) {
+    Closer::Place end;
+    end.at_begin = state.at_begin;
+    end.at_end = true;
+    end.word_before = state.word_before;
+    automaton.found_at_end_.push_back(found_in(closer.Close(state.set, end)));
+  }
+  return automaton;
+}
+
+std::optional<RuleAutomaton> RuleAutomaton::Build(const std::vector<const RegexTree*>& patterns,
+                                                  size_t max_cells) {
+  try {
+    return AutomatonBuilder::Rules(patterns, max_cells);
+  } catch (const Unsupported&) {
+    return std::nullopt;
+  }
+}
+
+std::optional<SearchAutomaton> SearchAutomaton::Build(const std::vector<const RegexTree*>& patterns,
+                                                      size_t max_cells) {
+  try {
+    return AutomatonBuilder::Search(patterns, max_cells);
   } catch (const Unsupported&) {
     return std::nullopt;
   }

@@ -1,5 +1,7 @@
-// A deterministic automaton that tells which of many POSIX patterns is the first to match a
-// whole text, in one pass over the text. Internal to the regex backend.
+// Deterministic automata over a pattern's expression tree, each answering one question in one
+// pass over the text: which of many POSIX patterns is the first to match a whole text, and
+// whether an ECMAScript pattern can match anywhere from an offset on. Internal to the regex
+// backend.
 #ifndef RULENLU_NLU_REGEX_AUTOMATON_H_
 #define RULENLU_NLU_REGEX_AUTOMATON_H_
 
@@ -12,6 +14,20 @@
 #include "nlu/regex_translate.h"
 
 namespace rulenlu {
+
+// Units sorted into the classes that some patterns cannot tell apart.
+class UnitClasses {
+ public:
+  uint32_t operator()(char16_t unit) const { return blocks_[block_of_[unit >> 8] + (unit & 0xff)]; }
+  size_t size() const { return count_; }
+
+ private:
+  friend class AutomatonBuilder;
+  // Blocks of 256 units that are alike are stored once.
+  std::vector<uint32_t> block_of_;
+  std::vector<uint16_t> blocks_;
+  size_t count_ = 0;
+};
 
 class RuleAutomaton {
  public:
@@ -41,20 +57,60 @@ class RuleAutomaton {
   static constexpr uint32_t kDead = 0;
   static constexpr uint32_t kStart = 1;
 
+  friend class AutomatonBuilder;
   RuleAutomaton() = default;
 
   uint32_t Step(uint32_t state, char16_t unit) const {
-    return next_[state * classes_ + blocks_[block_of_[unit >> 8] + (unit & 0xff)]];
+    return next_[state * classes_.size() + classes_(unit)];
   }
 
-  // A unit's class: blocks_[block_of_[unit >> 8] + (unit & 0xff)]. Units of one class are
-  // alike to every pattern; blocks of 256 units that are alike are stored once.
-  std::vector<uint32_t> block_of_;
-  std::vector<uint16_t> blocks_;
-  size_t classes_ = 0;
+  UnitClasses classes_;
   // Per state and class, the next state; per state, the pattern it accepts at the text's end.
   std::vector<uint32_t> next_;
   std::vector<size_t> accepts_;
+};
+
+class SearchAutomaton {
+ public:
+  static constexpr size_t kMaxPatterns = 64;
+
+  // The automaton of up to kMaxPatterns ECMAScript `patterns`, or nothing when a pattern holds
+  // what an automaton cannot decide (a back-reference or a lookahead) or when it would need
+  // more than `max_cells` transitions.
+  static std::optional<SearchAutomaton> Build(const std::vector<const RegexTree*>& patterns,
+                                              size_t max_cells);
+
+  // The patterns (bit i: patterns[i]) that have a match somewhere in `text`, `^` holding only
+  // at its start and `\b` reading the units around.
+  uint64_t Matching(std::u16string_view text) const {
+    uint64_t found = 0;
+    uint32_t state = kStart;
+    for (const char16_t unit : text) {
+      const size_t cell = state * classes_.size() + classes_(unit);
+      found |= found_before_[cell];
+      state = next_[cell];
+    }
+    return found | found_at_end_[state];
+  }
+
+  // Units that \b counts as parts of words: ASCII letters, digits and the underscore.
+  static bool IsWordUnit(char16_t unit) {
+    return (unit >= u'0' && unit <= u'9') || (unit >= u'A' && unit <= u'Z') ||
+           (unit >= u'a' && unit <= u'z') || unit == u'_';
+  }
+
+ private:
+  friend class AutomatonBuilder;
+  static constexpr uint32_t kStart = 0;
+
+  SearchAutomaton() = default;
+
+  UnitClasses classes_;
+  // Per state and class: the next state, and the patterns a match of which ends just before the
+  // unit; per state, the patterns a match of which ends at the text's end.
+  std::vector<uint32_t> next_;
+  std::vector<uint64_t> found_before_;
+  std::vector<uint64_t> found_at_end_;
 };
 
 }  // namespace rulenlu

@@ -247,6 +247,7 @@ Tagger::Tagger(const std::map<std::string, std::set<std::u16string>>& vocab_map,
   if (!SubstituteVariables(variable_entries, &regex_vocab_map)) return;
 
   regex_vocabs_.reserve(regex_vocab_map.size());
+  std::vector<std::u16string> all;
   for (const auto& [name, patterns] : regex_vocab_map) {
     RegexVocab& vocab = regex_vocabs_.emplace_back();
     vocab.vocab = position(name);
@@ -254,8 +255,10 @@ Tagger::Tagger(const std::map<std::string, std::set<std::u16string>>& vocab_map,
     for (const std::u16string& pattern : patterns) {
       LogLine(LogStream::kStdout, {"pattern:", Utf16ToUtf8(pattern)});
       vocab.patterns.emplace_back(pattern, RegexGrammar::kEcmaScript);
+      all.push_back(pattern);
     }
   }
+  finder_ = std::make_unique<const RegexFinder>(all);
 }
 
 Tagger::~Tagger() = default;
@@ -315,8 +318,12 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
   // Regex vocabularies: each pattern searched again from the end of its previous match, the
   // whole query staying the subject.
   const RegexSubject subject(query);
+  thread_local std::vector<bool> may_match;
+  finder_->MayMatch(subject, &may_match);
+  size_t pattern = 0;
   for (const RegexVocab& vocab : regex_vocabs_) {
     for (const Regex& regex : vocab.patterns) {
+      if (!may_match[pattern++]) continue;
       RegexMatch match;
       size_t from = 0;
       // Searching again at the end of the query still finds a pattern that matches there.

@@ -110,6 +110,8 @@ class Tagger {
   std::vector<uint32_t> dictionary_vocabs_;
   // Compiled patterns of each regex vocabulary, in name order; empty when expansion failed.
   std::vector<RegexVocab> regex_vocabs_;
+  // The same patterns, one after another, told apart in one pass: most find nothing.
+  std::unique_ptr<const RegexFinder> finder_;
 };
 
 }  // namespace rulenlu
