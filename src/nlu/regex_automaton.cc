@@ -184,7 +184,7 @@ class Nfa {
 struct Partition {
   std::vector<uint32_t> cuts;  // class of units [cuts[i], cuts[i + 1]) is of_piece[i]
   std::vector<uint16_t> of_piece;
-  std::vector<std::vector<bool>> atoms;  // per atom, per class: whether the atom holds it
+  std::vector<std::vector<uint16_t>> atoms;  // per atom, the classes it holds, ascending
   size_t count = 0;
 
   // The class of some unit of each class.
@@ -226,10 +226,11 @@ Partition PartitionOf(const std::vector<Ranges>& atoms) {
     partition.of_piece[p] = it->second;
   }
   partition.count = ids.size();
-  partition.atoms.assign(atoms.size(), std::vector<bool>(partition.count, false));
+  partition.atoms.resize(atoms.size());
   for (const auto& [holding, id] : ids) {
-    for (const uint32_t a : holding) partition.atoms[a][id] = true;
+    for (const uint32_t a : holding) partition.atoms[a].push_back(id);
   }
+  for (std::vector<uint16_t>& held : partition.atoms) std::sort(held.begin(), held.end());
   return partition;
 }
 
@@ -248,8 +249,9 @@ class Closer {
   explicit Closer(const Nfa& nfa) : states_(nfa.states()), seen_(nfa.states().size(), 0) {}
 
   // `seeds` with every state reachable from them by empty moves whose assertions hold at
-  // `place`, sorted.
-  std::vector<uint32_t> Close(const std::vector<uint32_t>& seeds, const Place& place) {
+  // `place`; sorted when `sorted`.
+  std::vector<uint32_t> Close(const std::vector<uint32_t>& seeds, const Place& place,
+                              bool sorted = true) {
     ++stamp_;
     std::vector<uint32_t> out;
     std::vector<uint32_t> stack;
@@ -260,7 +262,7 @@ class Closer {
       if (!Holds(state.assertion, place)) continue;
       for (const uint32_t s : state.empty) Visit(s, &out, &stack);
     }
-    std::sort(out.begin(), out.end());
+    if (sorted) std::sort(out.begin(), out.end());
     return out;
   }
 
@@ -348,10 +350,7 @@ std::optional<RuleAutomaton> AutomatonBuilder::Rules(const std::vector<const Reg
     for (const uint32_t s : sets[d]) {
       const Nfa::State& state = states[s];
       if (state.atom == kNone) continue;
-      const std::vector<bool>& held = partition.atoms[state.atom];
-      for (size_t c = 0; c < width; ++c) {
-        if (held[c]) moves[c].push_back(state.next);
-      }
+      for (const uint16_t c : partition.atoms[state.atom]) moves[c].push_back(state.next);
     }
     for (size_t c = 0; c < width; ++c) {
       std::vector<uint32_t> target = closer.Close(moves[c], inside);
@@ -417,23 +416,43 @@ std::optional<SearchAutomaton> AutomatonBuilder::Search(
   Closer closer(nfa);
   std::vector<State> all = {{{0}, false, true}};
   std::map<State, uint32_t> ids = {{all[0], SearchAutomaton::kStart}};
+  // The states after a unit that continues no match, as no unit is part of a word or is.
+  uint32_t fresh[2];
+  for (const bool word_before : {false, true}) {
+    const State state{{0}, word_before, false};
+    fresh[word_before] = ids.emplace(state, static_cast<uint32_t>(all.size())).first->second;
+    if (fresh[word_before] == all.size()) all.push_back(state);
+  }
+  std::vector<std::vector<uint32_t>> moves(width);
   for (size_t d = 0; d < all.size(); ++d) {
     if ((d + 1) * width > max_cells) return std::nullopt;
-    for (size_t c = 0; c < width; ++c) {
+    // The closure depends on the next unit only through whether it is part of a word.
+    uint64_t found[2];
+    for (std::vector<uint32_t>& move : moves) move.assign(1, 0);  // a match may begin anywhere
+    for (const bool word_after : {false, true}) {
       Closer::Place place;
       place.at_begin = all[d].at_begin;
       place.word_before = all[d].word_before;
-      place.word_after = word_class[c];
-      const std::vector<uint32_t> closed = closer.Close(all[d].set, place);
-      State to{{0}, word_class[c], false};
+      place.word_after = word_after;
+      const std::vector<uint32_t> closed = closer.Close(all[d].set, place, false);
+      found[word_after] = found_in(closed);
       for (const uint32_t s : closed) {
-        if (states[s].atom != kNone && partition.atoms[states[s].atom][c]) {
-          to.set.push_back(states[s].next);
+        if (states[s].atom == kNone) continue;
+        for (const uint16_t c : partition.atoms[states[s].atom]) {
+          if (word_class[c] == word_after) moves[c].push_back(states[s].next);
         }
       }
+    }
+    for (size_t c = 0; c < width; ++c) {
+      automaton.found_before_.push_back(found[word_class[c]]);
+      // Most units continue no match: only a new one may begin after them.
+      if (moves[c].size() == 1) {
+        automaton.next_.push_back(fresh[word_class[c]]);
+        continue;
+      }
+      State to{std::move(moves[c]), word_class[c], false};
       std::sort(to.set.begin(), to.set.end());
       to.set.erase(std::unique(to.set.begin(), to.set.end()), to.set.end());
-      automaton.found_before_.push_back(found_in(closed));
       const auto [it, added] = ids.emplace(to, static_cast<uint32_t>(all.size()));
       if (added) all.push_back(std::move(to));
       automaton.next_.push_back(it->second);
@@ -444,7 +463,7 @@ std::optional<SearchAutomaton> AutomatonBuilder::Search(
     end.at_begin = state.at_begin;
     end.at_end = true;
     end.word_before = state.word_before;
-    automaton.found_at_end_.push_back(found_in(closer.Close(state.set, end)));
+    automaton.found_at_end_.push_back(found_in(closer.Close(state.set, end, false)));
   }
   return automaton;
 }

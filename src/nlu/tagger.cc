@@ -247,7 +247,6 @@ Tagger::Tagger(const std::map<std::string, std::set<std::u16string>>& vocab_map,
   if (!SubstituteVariables(variable_entries, &regex_vocab_map)) return;
 
   regex_vocabs_.reserve(regex_vocab_map.size());
-  std::vector<std::u16string> all;
   for (const auto& [name, patterns] : regex_vocab_map) {
     RegexVocab& vocab = regex_vocabs_.emplace_back();
     vocab.vocab = position(name);
@@ -255,10 +254,9 @@ Tagger::Tagger(const std::map<std::string, std::set<std::u16string>>& vocab_map,
     for (const std::u16string& pattern : patterns) {
       LogLine(LogStream::kStdout, {"pattern:", Utf16ToUtf8(pattern)});
       vocab.patterns.emplace_back(pattern, RegexGrammar::kEcmaScript);
-      all.push_back(pattern);
+      finder_patterns_.push_back(pattern);
     }
   }
-  finder_ = std::make_unique<const RegexFinder>(all);
 }
 
 Tagger::~Tagger() = default;
@@ -318,6 +316,8 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
   // Regex vocabularies: each pattern searched again from the end of its previous match, the
   // whole query staying the subject.
   const RegexSubject subject(query);
+  std::call_once(finder_once_,
+                 [this] { finder_ = std::make_unique<const RegexFinder>(finder_patterns_); });
   thread_local std::vector<bool> may_match;
   finder_->MayMatch(subject, &may_match);
   size_t pattern = 0;

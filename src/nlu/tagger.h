@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -110,8 +111,11 @@ class Tagger {
   std::vector<uint32_t> dictionary_vocabs_;
   // Compiled patterns of each regex vocabulary, in name order; empty when expansion failed.
   std::vector<RegexVocab> regex_vocabs_;
-  // The same patterns, one after another, told apart in one pass: most find nothing.
-  std::unique_ptr<const RegexFinder> finder_;
+  // The same patterns, one after another, told apart in one pass: most find nothing. Built by
+  // the first query that needs it, so that start-up does not wait for it.
+  std::vector<std::u16string> finder_patterns_;
+  mutable std::once_flag finder_once_;
+  mutable std::unique_ptr<const RegexFinder> finder_;
 };
 
 }  // namespace rulenlu
