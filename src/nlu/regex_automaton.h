@@ -1,7 +1,6 @@
 // Deterministic automata over a pattern's expression tree, each answering one question in one
 // pass over the text: which of many POSIX patterns is the first to match a whole text, and
-// whether an ECMAScript pattern can match anywhere from an offset on. Internal to the regex
-// backend.
+// which of many ECMAScript patterns can match anywhere in a text. Internal to the regex backend.
 #ifndef RULENLU_NLU_REGEX_AUTOMATON_H_
 #define RULENLU_NLU_REGEX_AUTOMATON_H_
 
@@ -35,8 +34,8 @@ class RuleAutomaton {
 
   // The automaton of `patterns` (whole matches of the POSIX trees; a null entry takes no part),
   // or nothing when a pattern holds what an automaton cannot decide (a back-reference, a word
-  // boundary or a lookahead) or when the automaton would need more than `max_cells`
-  // transitions.
+  // boundary or a lookahead) or when the automaton would be too large (more than `max_cells`
+  // transitions, or patterns too long together).
   static std::optional<RuleAutomaton> Build(const std::vector<const RegexTree*>& patterns,
                                             size_t max_cells);
 
@@ -75,8 +74,8 @@ class SearchAutomaton {
   static constexpr size_t kMaxPatterns = 64;
 
   // The automaton of up to kMaxPatterns ECMAScript `patterns`, or nothing when a pattern holds
-  // what an automaton cannot decide (a back-reference or a lookahead) or when it would need
-  // more than `max_cells` transitions.
+  // what an automaton cannot decide (a back-reference or a lookahead) or when it would be too
+  // large (more than `max_cells` transitions, or patterns too long together).
   static std::optional<SearchAutomaton> Build(const std::vector<const RegexTree*>& patterns,
                                               size_t max_cells);
 
