@@ -385,11 +385,13 @@ TEST(Regex, SetRuleCompilesAsARegexAtTheSizeLimit) {
   EXPECT_LT(compiled, 16u);
 }
 
-// A finder of many patterns never rules out one that a search would find, and rules out those
-// it can answer that a search would not find.
-TEST(Regex, FinderRulesOutExactlyThePatternsWithoutAMatch) {
-  std::vector<std::u16string> patterns = {u"^a",        u"\\bb", u"(?=c)c", u"(d)\\1", u"e+f",
-                                          u"[0-9]{2}$", u"\\Bg", u"(",      u"h|i?j",  u"(a+)+k"};
+// A finder of many patterns tells where each search's match begins, or that it cannot tell
+// (a lookahead, a back-reference, a pattern that does not compile), and a match attempted
+// there is the search's.
+TEST(Regex, FinderTellsWhereEachSearchBegins) {
+  std::vector<std::u16string> patterns = {u"^a",    u"\\bb",      u"(?=c)c", u"(d)\\1",
+                                          u"e+f",   u"[0-9]{2}$", u"\\Bg",   u"(",
+                                          u"h|i?j", u"(a+)+k",    u"a|ab"};
   for (int i = 0; i < 70; ++i) patterns.push_back(u"x" + Utf8ToUtf16(std::to_string(i)) + u"\\b");
   const RegexFinder finder(patterns);
   std::vector<std::unique_ptr<Regex>> single;
@@ -400,25 +402,37 @@ TEST(Regex, FinderRulesOutExactlyThePatternsWithoutAMatch) {
       single.push_back(nullptr);
     }
   }
-  const std::u16string texts[] = {u"",       u"a b", u"ab", u"cc dd", u"ef 12",
-                                  u"eef1",   u"xg",  u"gx", u"j",     u"aaaaaaaaaaaaaaaaaaaaaaaaak",
-                                  u"x7 x12", u"x70"};
-  size_t ruled_out = 0;
-  std::vector<bool> may_match;
+  const std::u16string texts[] = {
+      u"",         u"a b", u"ab",    u"cc dd", u"ef 12",
+      u"eef1 eef", u"xg",  u"gx",    u"j",     u"aaaaaaaaaaaaaaaaaaaaaaaaak",
+      u"x7 x12",   u"x70", u"abab a"};
+  size_t none = 0;
+  RegexFinder::Starts starts;
   for (const std::u16string& text : texts) {
     const RegexSubject subject(text);
-    finder.MayMatch(subject, &may_match);
-    ASSERT_EQ(may_match.size(), patterns.size());
+    finder.Scan(subject, &starts);
     for (size_t i = 0; i < patterns.size(); ++i) {
-      RegexMatch match;
-      const bool found = single[i] != nullptr && single[i]->Search(subject, 0, &match);
-      // Lookaheads, references and patterns that do not compile cannot be answered.
-      const bool answerable = i != 2 && i != 3 && i != 7;
-      EXPECT_EQ(may_match[i], found || !answerable) << Utf16ToUtf8(patterns[i] + u" on " + text);
-      ruled_out += !may_match[i];
+      for (size_t from = 0; from <= text.size(); ++from) {
+        RegexMatch match;
+        const bool found = single[i] != nullptr && single[i]->Search(subject, from, &match);
+        const size_t start = finder.NextStart(starts, i, from);
+        const std::string where =
+            Utf16ToUtf8(patterns[i] + u" on " + text) + " from " + std::to_string(from);
+        if (i == 2 || i == 3 || i == 7) {
+          EXPECT_EQ(start, RegexFinder::kUnknown) << where;
+          continue;
+        }
+        EXPECT_EQ(start, found ? match.start : RegexFinder::kNone) << where;
+        none += start == RegexFinder::kNone;
+        RegexMatch at;
+        if (found) {
+          EXPECT_TRUE(single[i]->MatchAt(subject, match.start, &at)) << where;
+          EXPECT_EQ(at.length, match.length) << where;
+        }
+      }
     }
   }
-  EXPECT_GT(ruled_out, 500u);
+  EXPECT_GT(none, 1000u);
 }
 
 // One compiled expression, many threads: every thread gets the answers one thread gets.

@@ -229,6 +229,7 @@ struct Regex::Impl {
   RegexGrammar grammar;
   Code search;  // unanchored; POSIX runs it with the automaton matcher (leftmost-longest)
   Code whole;   // anchored at both ends
+  Code at;      // ECMAScript: anchored at the offset a match begins from
 };
 
 Regex::Regex(std::u16string_view pattern, RegexGrammar grammar) {
@@ -237,6 +238,13 @@ Regex::Regex(std::u16string_view pattern, RegexGrammar grammar) {
   impl_->grammar = grammar;
   impl_->search = Compile(translated.pcre, grammar == RegexGrammar::kEcmaScript);
   impl_->whole = Compile(Whole(translated.pcre), true);
+  if (grammar == RegexGrammar::kEcmaScript) {
+    try {
+      impl_->at = Compile("\\G(?:" + translated.pcre + ")", true);
+    } catch (const RegexError&) {
+      // Only a pattern at the matcher's size limit; MatchAt searches instead.
+    }
+  }
 }
 
 Regex::~Regex() = default;
@@ -250,6 +258,16 @@ bool Regex::Search(const RegexSubject& subject, size_t from, RegexMatch* match) 
                      impl_->grammar == RegexGrammar::kPosixExtended)) {
     return false;
   }
+  match->start = resources.start();
+  match->length = resources.end() - resources.start();
+  return true;
+}
+
+bool Regex::MatchAt(const RegexSubject& subject, size_t start, RegexMatch* match) const {
+  if (impl_->at == nullptr) return Search(subject, start, match) && match->start == start;
+  if (start > subject.size()) return false;
+  MatchResources& resources = MatchResources::ForThisThread();
+  if (!resources.Run(impl_->at.get(), subject.units_, start, false)) return false;
   match->start = resources.start();
   match->length = resources.end() - resources.start();
   return true;
@@ -358,19 +376,19 @@ struct RegexFinder::Impl {
     size_t first;  // the pattern of the automaton's bit 0
   };
   std::vector<Group> groups;
-  std::vector<size_t> unknown;  // patterns no automaton answers
-  size_t patterns = 0;
+  // Per pattern: its group and bit, or kUnknown when no automaton answers it.
+  std::vector<std::pair<size_t, size_t>> places;
 };
 
 RegexFinder::RegexFinder(const std::vector<std::u16string>& patterns)
     : impl_(std::make_unique<Impl>()) {
-  impl_->patterns = patterns.size();
+  impl_->places.assign(patterns.size(), {kUnknown, 0});
   std::vector<std::optional<RegexTree>> trees(patterns.size());
   for (size_t i = 0; i < patterns.size(); ++i) {
     try {
       trees[i] = TranslateRegex(patterns[i], RegexGrammar::kEcmaScript).tree;
     } catch (const RegexError&) {
-      // Such a pattern fails elsewhere; here it only counts as possibly matching.
+      // Such a pattern fails elsewhere; here it is only not answered.
     }
   }
   // Runs of patterns in one automaton each; a run whose automaton is too large is halved.
@@ -386,12 +404,11 @@ RegexFinder::RegexFinder(const std::vector<std::u16string>& patterns)
     std::optional<SearchAutomaton> automaton;
     if (run.size() == last - first) automaton = SearchAutomaton::Build(run, kMaxAutomatonCells);
     if (automaton.has_value()) {
+      for (size_t i = first; i < last; ++i) impl_->places[i] = {impl_->groups.size(), i - first};
       impl_->groups.push_back({std::move(*automaton), first});
     } else if (last - first > 1) {
       runs.emplace_back(first, first + (last - first) / 2);
       runs.emplace_back(first + (last - first) / 2, last);
-    } else {
-      impl_->unknown.push_back(first);
     }
   }
 }
@@ -400,15 +417,24 @@ RegexFinder::~RegexFinder() = default;
 RegexFinder::RegexFinder(RegexFinder&&) noexcept = default;
 RegexFinder& RegexFinder::operator=(RegexFinder&&) noexcept = default;
 
-void RegexFinder::MayMatch(const RegexSubject& subject, std::vector<bool>* may_match) const {
-  may_match->assign(impl_->patterns, false);
-  for (const size_t i : impl_->unknown) (*may_match)[i] = true;
-  for (const Impl::Group& group : impl_->groups) {
-    for (uint64_t found = group.automaton.Matching(subject.units_); found != 0;
-         found &= found - 1) {
-      (*may_match)[group.first + static_cast<size_t>(__builtin_ctzll(found))] = true;
-    }
+void RegexFinder::Scan(const RegexSubject& subject, Starts* starts) const {
+  starts->at_.resize(impl_->groups.size());
+  starts->any_.resize(impl_->groups.size());
+  for (size_t g = 0; g < impl_->groups.size(); ++g) {
+    starts->any_[g] = impl_->groups[g].automaton.Starts(subject.units_, &starts->at_[g]);
   }
+}
+
+size_t RegexFinder::NextStart(const Starts& starts, size_t i, size_t from) const {
+  const auto [group, bit] = impl_->places[i];
+  if (group == kUnknown) return kUnknown;
+  const uint64_t mask = uint64_t{1} << bit;
+  if ((starts.any_[group] & mask) == 0) return kNone;
+  const std::vector<uint64_t>& at = starts.at_[group];
+  for (size_t offset = from; offset < at.size(); ++offset) {
+    if ((at[offset] & mask) != 0) return offset;
+  }
+  return kNone;
 }
 
 }  // namespace rulenlu

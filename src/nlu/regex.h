@@ -91,6 +91,10 @@ class Regex {
   // Returns false when there is none. Throws RegexError when the match exceeds its bounds.
   bool Search(const RegexSubject& subject, size_t from, RegexMatch* match) const;
 
+  // The match that a search finds when it begins at `start`: Search when no match begins
+  // before `start`. Returns false when none begins there. Throws RegexError like Search.
+  bool MatchAt(const RegexSubject& subject, size_t start, RegexMatch* match) const;
+
   // True when the pattern matches the whole of `subject`. Throws RegexError like Search.
   bool FullMatch(const RegexSubject& subject) const;
 
@@ -99,20 +103,35 @@ class Regex {
   std::unique_ptr<Impl> impl_;
 };
 
-// Many ECMAScript patterns told apart in one pass over a text: which of them may have a match
-// in it at all. Most patterns of a configuration have none in most queries, and then need no
-// search.
+// Where the matches of many ECMAScript patterns begin in a text, found in one pass over it.
+// Most patterns of a configuration have no match in most queries, and then need no search; a
+// search that knows where its match begins makes one attempt instead of one per offset.
 class RegexFinder {
  public:
+  static constexpr size_t kNone = SIZE_MAX;
+  static constexpr size_t kUnknown = SIZE_MAX - 1;
+
   explicit RegexFinder(const std::vector<std::u16string>& patterns);
   ~RegexFinder();
   RegexFinder(RegexFinder&&) noexcept;
   RegexFinder& operator=(RegexFinder&&) noexcept;
 
-  // Sets (*may_match)[i] to false when patterns[i] has no match anywhere in `subject` (a search
-  // from offset 0 finds nothing), to true otherwise. A pattern that does not compile, or that
-  // this cannot tell, counts as possibly matching.
-  void MayMatch(const RegexSubject& subject, std::vector<bool>* may_match) const;
+  // What Scan found in one subject.
+  class Starts {
+   private:
+    friend class RegexFinder;
+    std::vector<std::vector<uint64_t>> at_;  // per group of patterns, per offset
+    std::vector<uint64_t> any_;              // per group
+  };
+
+  // Finds where the patterns' matches begin in `subject`.
+  void Scan(const RegexSubject& subject, Starts* starts) const;
+
+  // The first offset at or after `from` where a match of patterns[i] begins in the subject
+  // `starts` was scanned from (the whole subject the context, as Regex::Search has it); kNone
+  // when there is none; kUnknown when this cannot tell (a pattern with a lookahead or a
+  // back-reference, or that does not compile): search instead.
+  size_t NextStart(const Starts& starts, size_t i, size_t from) const;
 
  private:
   struct Impl;

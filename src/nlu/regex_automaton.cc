@@ -60,6 +60,32 @@ class Nfa {
     const auto [start, end] = Build(tree.root);
     states_[0].empty.push_back(start);
     states_[end].accept = std::min(states_[end].accept, pattern);
+    pattern_starts_.emplace_back(start, pattern);
+  }
+
+  // The automaton read backwards, from a match's end to its start: every move reversed, each
+  // pattern's accept on the state its matches begin from, assertions where they were. `*ends`
+  // gets the states a match may end in, where a backward reading begins.
+  Nfa Reversed(std::vector<uint32_t>* ends) const {
+    Nfa reversed(max_states_, word_bounds_);
+    reversed.atoms_ = atoms_;
+    reversed.states_.resize(states_.size());
+    for (uint32_t s = 0; s < states_.size(); ++s) {
+      const State& state = states_[s];
+      reversed.states_[s].assertion = state.assertion;
+      for (const uint32_t e : state.empty) reversed.states_[e].empty.push_back(s);
+      if (state.atom != kNone) {
+        // A fragment's end is entered by one unit at most.
+        if (reversed.states_[state.next].atom != kNone) throw Unsupported();
+        reversed.states_[state.next].atom = state.atom;
+        reversed.states_[state.next].next = s;
+      }
+      if (state.accept != kNone) ends->push_back(s);
+    }
+    for (const auto& [start, pattern] : pattern_starts_) {
+      reversed.states_[start].accept = std::min(reversed.states_[start].accept, pattern);
+    }
+    return reversed;
   }
 
   const std::vector<State>& states() const { return states_; }
@@ -177,6 +203,7 @@ class Nfa {
   std::vector<State> states_;
   std::map<Ranges, uint32_t> atom_ids_;
   std::vector<Ranges> atoms_;
+  std::vector<std::pair<uint32_t, uint32_t>> pattern_starts_;  // (state, pattern)
 };
 
 // How the atoms divide the units: units that every atom either holds or not alike share a
@@ -377,9 +404,14 @@ std::optional<RuleAutomaton> AutomatonBuilder::Rules(const std::vector<const Reg
 std::optional<SearchAutomaton> AutomatonBuilder::Search(
     const std::vector<const RegexTree*>& patterns, size_t max_cells) {
   if (patterns.empty() || patterns.size() > SearchAutomaton::kMaxPatterns) return std::nullopt;
-  Nfa nfa(kMaxNfaStates, true);
-  for (size_t p = 0; p < patterns.size(); ++p)
-    nfa.AddPattern(*patterns[p], static_cast<uint32_t>(p));
+  Nfa forward(kMaxNfaStates, true);
+  for (size_t p = 0; p < patterns.size(); ++p) {
+    forward.AddPattern(*patterns[p], static_cast<uint32_t>(p));
+  }
+  // Read backwards, so that where a match begins is known at that offset.
+  std::vector<uint32_t> ends;
+  const Nfa nfa = forward.Reversed(&ends);
+  std::sort(ends.begin(), ends.end());
   // Word units in classes of their own, so that each class is all word units or none.
   std::vector<Ranges> atoms = nfa.atoms();
   atoms.push_back({{u'0', u'9'}, {u'A', u'Z'}, {u'_', u'_'}, {u'a', u'z'}});
@@ -393,16 +425,17 @@ std::optional<SearchAutomaton> AutomatonBuilder::Search(
     word_class[c] = SearchAutomaton::IsWordUnit(static_cast<char16_t>(representatives[c]));
   }
 
-  // A state: the NFA states matches may be in before the next unit (their empty moves not yet
-  // taken, as assertions depend on that unit), whether the unit before was part of a word, and
-  // whether nothing was read yet. A new match may begin at every unit.
+  // A state, at an offset of the text read backwards: the NFA states matches may be in there
+  // (their empty moves not yet taken, as assertions depend on the unit before), whether the
+  // unit after the offset is part of a word, and whether the offset is the text's end. A match
+  // may end at every offset.
   struct State {
     std::vector<uint32_t> set;
-    bool word_before;
-    bool at_begin;
+    bool word_after;
+    bool at_end;
     bool operator<(const State& other) const {
-      return std::tie(set, word_before, at_begin) <
-             std::tie(other.set, other.word_before, other.at_begin);
+      return std::tie(set, word_after, at_end) <
+             std::tie(other.set, other.word_after, other.at_end);
     }
   };
   const std::vector<Nfa::State>& states = nfa.states();
@@ -414,43 +447,43 @@ std::optional<SearchAutomaton> AutomatonBuilder::Search(
     return found;
   };
   Closer closer(nfa);
-  std::vector<State> all = {{{0}, false, true}};
+  std::vector<State> all = {{ends, false, true}};
   std::map<State, uint32_t> ids = {{all[0], SearchAutomaton::kStart}};
-  // The states after a unit that continues no match, as no unit is part of a word or is.
+  // The states after a unit that continues no match, as the unit is part of a word or not.
   uint32_t fresh[2];
-  for (const bool word_before : {false, true}) {
-    const State state{{0}, word_before, false};
-    fresh[word_before] = ids.emplace(state, static_cast<uint32_t>(all.size())).first->second;
-    if (fresh[word_before] == all.size()) all.push_back(state);
+  for (const bool word_after : {false, true}) {
+    const State state{ends, word_after, false};
+    fresh[word_after] = ids.emplace(state, static_cast<uint32_t>(all.size())).first->second;
+    if (fresh[word_after] == all.size()) all.push_back(state);
   }
   std::vector<std::vector<uint32_t>> moves(width);
   for (size_t d = 0; d < all.size(); ++d) {
     if ((d + 1) * width > max_cells) return std::nullopt;
-    // The closure depends on the next unit only through whether it is part of a word.
+    // The closure depends on the unit before only through whether it is part of a word.
     uint64_t found[2];
-    for (std::vector<uint32_t>& move : moves) move.assign(1, 0);  // a match may begin anywhere
-    for (const bool word_after : {false, true}) {
+    for (std::vector<uint32_t>& move : moves) move.clear();
+    for (const bool word_before : {false, true}) {
       Closer::Place place;
-      place.at_begin = all[d].at_begin;
-      place.word_before = all[d].word_before;
-      place.word_after = word_after;
+      place.at_end = all[d].at_end;
+      place.word_before = word_before;
+      place.word_after = all[d].word_after;
       const std::vector<uint32_t> closed = closer.Close(all[d].set, place, false);
-      found[word_after] = found_in(closed);
+      found[word_before] = found_in(closed);
       for (const uint32_t s : closed) {
         if (states[s].atom == kNone) continue;
         for (const uint16_t c : partition.atoms[states[s].atom]) {
-          if (word_class[c] == word_after) moves[c].push_back(states[s].next);
+          if (word_class[c] == word_before) moves[c].push_back(states[s].next);
         }
       }
     }
     for (size_t c = 0; c < width; ++c) {
       automaton.found_before_.push_back(found[word_class[c]]);
-      // Most units continue no match: only a new one may begin after them.
-      if (moves[c].size() == 1) {
+      if (moves[c].empty()) {
         automaton.next_.push_back(fresh[word_class[c]]);
         continue;
       }
       State to{std::move(moves[c]), word_class[c], false};
+      to.set.insert(to.set.end(), ends.begin(), ends.end());
       std::sort(to.set.begin(), to.set.end());
       to.set.erase(std::unique(to.set.begin(), to.set.end()), to.set.end());
       const auto [it, added] = ids.emplace(to, static_cast<uint32_t>(all.size()));
@@ -459,11 +492,11 @@ std::optional<SearchAutomaton> AutomatonBuilder::Search(
     }
   }
   for (const State& state : all) {
-    Closer::Place end;
-    end.at_begin = state.at_begin;
-    end.at_end = true;
-    end.word_before = state.word_before;
-    automaton.found_at_end_.push_back(found_in(closer.Close(state.set, end, false)));
+    Closer::Place start;
+    start.at_begin = true;
+    start.at_end = state.at_end;
+    start.word_after = state.word_after;
+    automaton.found_at_start_.push_back(found_in(closer.Close(state.set, start, false)));
   }
   return automaton;
 }

@@ -1,6 +1,6 @@
 // Deterministic automata over a pattern's expression tree, each answering one question in one
 // pass over the text: which of many POSIX patterns is the first to match a whole text, and
-// which of many ECMAScript patterns can match anywhere in a text. Internal to the regex backend.
+// where in a text matches of many ECMAScript patterns begin. Internal to the regex backend.
 #ifndef RULENLU_NLU_REGEX_AUTOMATON_H_
 #define RULENLU_NLU_REGEX_AUTOMATON_H_
 
@@ -79,17 +79,20 @@ class SearchAutomaton {
   static std::optional<SearchAutomaton> Build(const std::vector<const RegexTree*>& patterns,
                                               size_t max_cells);
 
-  // The patterns (bit i: patterns[i]) that have a match somewhere in `text`, `^` holding only
-  // at its start and `\b` reading the units around.
-  uint64_t Matching(std::u16string_view text) const {
-    uint64_t found = 0;
+  // Where matches begin: (*starts)[i], for every offset i from 0 to text.size(), gets the
+  // patterns (bit p: patterns[p]) with a match in `text` that begins at i, `^` holding only at
+  // the text's start and `\b` reading the units around. Returns the patterns with a match
+  // anywhere.
+  uint64_t Starts(std::u16string_view text, std::vector<uint64_t>* starts) const {
+    starts->resize(text.size() + 1);
+    uint64_t any = 0;
     uint32_t state = kStart;
-    for (const char16_t unit : text) {
-      const size_t cell = state * classes_.size() + classes_(unit);
-      found |= found_before_[cell];
+    for (size_t i = text.size(); i > 0; --i) {
+      const size_t cell = state * classes_.size() + classes_(text[i - 1]);
+      any |= (*starts)[i] = found_before_[cell];
       state = next_[cell];
     }
-    return found | found_at_end_[state];
+    return any | ((*starts)[0] = found_at_start_[state]);
   }
 
   // Units that \b counts as parts of words: ASCII letters, digits and the underscore.
@@ -105,11 +108,12 @@ class SearchAutomaton {
   SearchAutomaton() = default;
 
   UnitClasses classes_;
-  // Per state and class: the next state, and the patterns a match of which ends just before the
-  // unit; per state, the patterns a match of which ends at the text's end.
+  // The text is read backwards. Per state and class: the next state, and the patterns a match
+  // of which begins just after the unit; per state, those a match of which begins at the
+  // text's start.
   std::vector<uint32_t> next_;
   std::vector<uint64_t> found_before_;
-  std::vector<uint64_t> found_at_end_;
+  std::vector<uint64_t> found_at_start_;
 };
 
 }  // namespace rulenlu

@@ -318,16 +318,23 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
   const RegexSubject subject(query);
   std::call_once(finder_once_,
                  [this] { finder_ = std::make_unique<const RegexFinder>(finder_patterns_); });
-  thread_local std::vector<bool> may_match;
-  finder_->MayMatch(subject, &may_match);
+  thread_local RegexFinder::Starts starts;
+  finder_->Scan(subject, &starts);
   size_t pattern = 0;
   for (const RegexVocab& vocab : regex_vocabs_) {
     for (const Regex& regex : vocab.patterns) {
-      if (!may_match[pattern++]) continue;
+      const size_t index = pattern++;
       RegexMatch match;
       size_t from = 0;
       // Searching again at the end of the query still finds a pattern that matches there.
-      while (regex.Search(subject, from, &match)) {
+      for (;;) {
+        const size_t start = finder_->NextStart(starts, index, from);
+        if (start == RegexFinder::kNone) break;
+        const bool found =
+            start == RegexFinder::kUnknown
+                ? regex.Search(subject, from, &match)
+                : regex.MatchAt(subject, start, &match) || regex.Search(subject, start, &match);
+        if (!found) break;
         // The next search would begin where this one did and find the same empty match forever.
         if (match.length == 0) throw RegexError("a regex vocabulary pattern matched empty text");
         add_tag(vocab.vocab, match.start, match.length);
@@ -335,6 +342,8 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
       }
     }
   }
+  // A query far larger than usual does not leave its buffers behind.
+  if (query.size() > (size_t{1} << 16)) starts = RegexFinder::Starts();
   return tags;
 }
 
