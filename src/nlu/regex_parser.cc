@@ -413,16 +413,12 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
     }
   }
 
-  // Candidates in rank order: most covered units, then fewest slots, then the order in which
-  // the exhaustive search finds them (combination order, then intent order). A heap, as the
-  // search usually stops after a few. A combination that no intent accepts gives no candidate.
   // A pair whose intent has no rule that can begin as the rewritten query does is left out:
   // viable[w] holds the intents whose rules may begin with the query's first unit, and
-  // viable[words + w] those whose rules may begin with a marker.
+  // viable[words + w] those whose rules may begin with a marker (first, every accepting one).
   std::vector<uint64_t>& viable = space.viable;
   viable.assign(2 * words, 0);
-  for (const PreparedTags::Combination& combination : prepared.combinations) {
-    const size_t c = static_cast<size_t>(&combination - prepared.combinations.data());
+  for (size_t c = 0; c < prepared.combinations.size(); ++c) {
     for (size_t w = 0; w < words; ++w) viable[w] |= accepting[c * words + w];
   }
   ForEachBit(viable.data(), words, [&](size_t i) {
@@ -435,6 +431,9 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
   const auto pairs = [&](uint32_t c, size_t w) {
     return accepting[c * words + w] & viable[prepared.combinations[c].marker_first * words + w];
   };
+  // Candidates in rank order: most covered units, then fewest slots, then the order in which
+  // the exhaustive search finds them (combination order, then intent order). A heap, as the
+  // search usually stops after a few. A combination with no pair left gives no candidate.
   std::vector<RankEntry>& ranked = space.ranked;
   ranked.clear();
   for (uint32_t position = 0; position < prepared.order.size(); ++position) {
