@@ -129,15 +129,12 @@ void RegexParser::Prepare(std::u16string_view query, std::vector<QueryTag> tags,
   prepared->unsorted = std::move(tags);
   const std::vector<QueryTag>& unsorted = prepared->unsorted;
   auto text = [&](uint32_t i) { return query.substr(unsorted[i].start, unsorted[i].length); };
-  std::vector<uint32_t>& next = prepared->vocab_next;
-  next.assign(vocab_names_.size() + 1, 0);
-  for (const QueryTag& tag : unsorted) ++next[tag.vocab + 1];
-  for (size_t v = 1; v < next.size(); ++v) next[v] += next[v - 1];
   std::vector<PreparedTags::SortKey>& sort_keys = prepared->sort_keys;
   sort_keys.resize(unsorted.size());
-  for (uint32_t i = 0; i < unsorted.size(); ++i) {
-    sort_keys[next[unsorted[i].vocab]++] = {Head(text(i)), unsorted[i].vocab, i};
-  }
+  PlaceByVocabulary(unsorted, vocab_names_.size(), &prepared->vocab_next,
+                    [&](uint32_t i, uint32_t position) {
+                      sort_keys[position] = {Head(text(i)), unsorted[i].vocab, i};
+                    });
   const auto less = [&](const PreparedTags::SortKey& a, const PreparedTags::SortKey& b) {
     if (a.head != b.head) return a.head < b.head;
     const int order = text(a.index).compare(text(b.index));

@@ -298,13 +298,11 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
     }
     work_left -= read;
   }
-  std::vector<uint32_t> next(dictionary_vocabs_.size() + 1, 0);
-  for (const QueryTag& tag : found) ++next[tag.vocab + 1];
-  for (size_t v = 1; v < next.size(); ++v) next[v] += next[v - 1];
+  std::vector<uint32_t> next;
   std::vector<QueryTag> tags(found.size());
-  for (const QueryTag& tag : found) {
-    tags[next[tag.vocab]++] = {dictionary_vocabs_[tag.vocab], tag.start, tag.length};
-  }
+  PlaceByVocabulary(found, dictionary_vocabs_.size(), &next, [&](uint32_t i, uint32_t position) {
+    tags[position] = {dictionary_vocabs_[found[i].vocab], found[i].start, found[i].length};
+  });
   // A query far larger than usual does not leave its buffer behind.
   if (found.capacity() > (size_t{1} << 16)) found = std::vector<QueryTag>();
   auto add_tag = [&](uint32_t vocab, size_t start, size_t length) {

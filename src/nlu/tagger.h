@@ -57,6 +57,17 @@ struct QueryTag {
   int32_t length;  // in UTF-16 units
 };
 
+// Calls place(i, position) for each tags[i]: the positions order the tags by vocabulary (each
+// below `vocabs`) and, within one vocabulary, as they stand in `tags`. `next` is working space.
+template <typename Place>
+void PlaceByVocabulary(const std::vector<QueryTag>& tags, size_t vocabs,
+                       std::vector<uint32_t>* next, Place&& place) {
+  next->assign(vocabs + 1, 0);
+  for (const QueryTag& tag : tags) ++(*next)[tag.vocab + 1];
+  for (size_t v = 1; v < next->size(); ++v) (*next)[v] += (*next)[v - 1];
+  for (uint32_t i = 0; i < tags.size(); ++i) place(i, (*next)[tags[i].vocab]++);
+}
+
 // `tag` of `query` as a record of its own: the name of its vocabulary in `vocab_names`, its
 // text, start and length.
 SlotMatch ToSlot(const QueryTag& tag, const std::vector<std::string>& vocab_names,
