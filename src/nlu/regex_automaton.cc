@@ -501,22 +501,28 @@ std::optional<SearchAutomaton> AutomatonBuilder::Search(
   return automaton;
 }
 
-std::optional<RuleAutomaton> RuleAutomaton::Build(const std::vector<const RegexTree*>& patterns,
-                                                  size_t max_cells) {
+namespace {
+
+// What `build` returns, or nothing when it finds the patterns unsupported.
+template <typename Build>
+auto UnlessUnsupported(Build&& build) -> decltype(build()) {
   try {
-    return AutomatonBuilder::Rules(patterns, max_cells);
+    return build();
   } catch (const Unsupported&) {
     return std::nullopt;
   }
 }
 
+}  // namespace
+
+std::optional<RuleAutomaton> RuleAutomaton::Build(const std::vector<const RegexTree*>& patterns,
+                                                  size_t max_cells) {
+  return UnlessUnsupported([&] { return AutomatonBuilder::Rules(patterns, max_cells); });
+}
+
 std::optional<SearchAutomaton> SearchAutomaton::Build(const std::vector<const RegexTree*>& patterns,
                                                       size_t max_cells) {
-  try {
-    return AutomatonBuilder::Search(patterns, max_cells);
-  } catch (const Unsupported&) {
-    return std::nullopt;
-  }
+  return UnlessUnsupported([&] { return AutomatonBuilder::Search(patterns, max_cells); });
 }
 
 }  // namespace rulenlu

@@ -328,6 +328,8 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
       for (;;) {
         const size_t start = finder_->NextStart(starts, index, from);
         if (start == RegexFinder::kNone) break;
+        // Where the finder names a start, one attempt there is the search; should it not match,
+        // the search from there still gives the answer.
         const bool found =
             start == RegexFinder::kUnknown
                 ? regex.Search(subject, from, &match)
