@@ -338,10 +338,14 @@ size_t RegexSet::size() const { return impl_->errors.size(); }
 bool RegexSet::compiled(size_t index) const { return impl_->errors.at(index).empty(); }
 const std::string& RegexSet::error(size_t index) const { return impl_->errors.at(index); }
 
-bool RegexSet::MayBeginWith(char16_t unit) const {
-  if (impl_->automaton.has_value()) return impl_->automaton->MayBeginWith(unit);
-  return !impl_->unknown.empty() ||
-         std::binary_search(impl_->keys.begin(), impl_->keys.end(), FoldUnit(unit));
+size_t RegexSet::LivePrefix(std::u16string_view text) const {
+  if (impl_->automaton.has_value()) return impl_->automaton->LivePrefix(text);
+  // Only the first unit is known.
+  if (text.empty() || !impl_->unknown.empty() ||
+      std::binary_search(impl_->keys.begin(), impl_->keys.end(), FoldUnit(text[0]))) {
+    return text.size();
+  }
+  return 0;
 }
 
 size_t RegexSet::FirstFullMatch(const RegexSubject& subject) const {

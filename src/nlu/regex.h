@@ -157,9 +157,9 @@ class RegexSet {
   bool compiled(size_t index) const;
   const std::string& error(size_t index) const;
 
-  // False when no compiled rule matches a whole text that begins with `unit`; true when one
-  // may.
-  bool MayBeginWith(char16_t unit) const;
+  // A length n such that no compiled rule matches a whole text that begins with more than the
+  // first n units of `text` (at most text.size(); n may be larger than the shortest such).
+  size_t LivePrefix(std::u16string_view text) const;
 
   // The lowest index of a compiled rule that matches the whole of `subject`, or kNoMatch.
   // Throws RegexError when the match exceeds its bounds (as a Regex would).

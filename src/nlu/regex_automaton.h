@@ -39,8 +39,15 @@ class RuleAutomaton {
   static std::optional<RuleAutomaton> Build(const std::vector<const RegexTree*>& patterns,
                                             size_t max_cells);
 
-  // False when no pattern matches a text that begins with `unit`.
-  bool MayBeginWith(char16_t unit) const { return Step(kStart, unit) != kDead; }
+  // The length of the longest prefix of `text` that some whole match of a pattern begins with.
+  size_t LivePrefix(std::u16string_view text) const {
+    uint32_t state = kStart;
+    for (size_t i = 0; i < text.size(); ++i) {
+      state = Step(state, text[i]);
+      if (state == kDead) return i;
+    }
+    return text.size();
+  }
 
   // The lowest index of a pattern that matches the whole of `text`, or kNoMatch.
   size_t FirstFullMatch(std::u16string_view text) const {

@@ -79,23 +79,26 @@ RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
 }
 
 // One query's tags in tag order and their combinations, with what the searches need of each.
-// Kept from query to query on each thread, so that its buffers are reused.
+// Kept from query to query on each thread, so that its buffers are reused: arrays are only ever
+// grown, and `count` says how many combinations are this query's.
 struct RegexParser::PreparedTags {
   // A combination extends its parent (or none, for a one-tag combination) by one tag.
   struct Combination {
     uint32_t parent;
     uint32_t tag;
     uint32_t slots;
-    uint32_t total;     // the tags' lengths added up, wrapping around
-    bool marker_first;  // its rewritten query begins with a marker, not with the query's text
+    uint32_t total;        // the tags' lengths added up, wrapping around
+    uint32_t first_start;  // where its first tag starts: its rewritten query begins with so
+                           // many units of the query, then a marker
     // Its extensions are combinations[first_child, end_child).
-    uint32_t first_child = 0;
-    uint32_t end_child = 0;
+    uint32_t first_child;
+    uint32_t end_child;
   };
 
   std::vector<QueryTag> tags;
   std::vector<uint32_t> keys;             // per tag: its key index (see vocab_keys_)
   std::vector<uint32_t> classes;          // per tag: equal tags share one; ascending in tag order
+  size_t count = 0;                       // combinations built
   std::vector<Combination> combinations;  // as built, generation by generation
   // Per combination: the intents accepting every tag of it (intent_words_ words each).
   std::vector<uint64_t> intents;
@@ -103,7 +106,7 @@ struct RegexParser::PreparedTags {
 
   // Working space.
   struct SortKey {
-    uint64_t head;  // of the tag's text
+    uint64_t head;  // the tag's word number, or the head of its text
     uint32_t vocab;
     uint32_t index;
   };
@@ -121,100 +124,124 @@ struct RegexParser::PreparedTags {
   }
 };
 
+namespace {
+
+// Grows `v` to at least `size` elements; never shrinks it.
+template <typename T>
+T* AtLeast(std::vector<T>* v, size_t size) {
+  if (v->size() < size) v->resize(size);
+  return v->data();
+}
+
+}  // namespace
+
 void RegexParser::Prepare(std::u16string_view query, std::vector<QueryTag> tags,
                           PreparedTags* prepared) const {
   // Tag order: by vocabulary name (byte-wise, as the positions of the names are), then by text;
-  // stable. A counting sort by vocabulary, then a sort of each vocabulary's tags, whose heads
-  // settle most comparisons without reading the query.
+  // stable. A counting sort by vocabulary, then a sort of each vocabulary's tags: by word number
+  // when all are vocabulary words, else by the heads of their texts, which settle most
+  // comparisons without reading the query.
   prepared->unsorted = std::move(tags);
-  const std::vector<QueryTag>& unsorted = prepared->unsorted;
+  const QueryTag* unsorted = prepared->unsorted.data();
+  const auto n = static_cast<uint32_t>(prepared->unsorted.size());
   auto text = [&](uint32_t i) { return query.substr(unsorted[i].start, unsorted[i].length); };
-  std::vector<PreparedTags::SortKey>& sort_keys = prepared->sort_keys;
-  sort_keys.resize(unsorted.size());
-  PlaceByVocabulary(unsorted, vocab_names_.size(), &prepared->vocab_next,
+  PreparedTags::SortKey* sort_keys = AtLeast(&prepared->sort_keys, n);
+  PlaceByVocabulary(prepared->unsorted, vocab_names_.size(), &prepared->vocab_next,
                     [&](uint32_t i, uint32_t position) {
-                      sort_keys[position] = {Head(text(i)), unsorted[i].vocab, i};
+                      sort_keys[position] = {unsorted[i].word, unsorted[i].vocab, i};
                     });
-  const auto less = [&](const PreparedTags::SortKey& a, const PreparedTags::SortKey& b) {
-    if (a.head != b.head) return a.head < b.head;
-    const int order = text(a.index).compare(text(b.index));
-    return order != 0 ? order < 0 : a.index < b.index;
-  };
-  for (size_t begin = 0, end = 0; begin < sort_keys.size(); begin = end) {
-    while (end < sort_keys.size() && sort_keys[end].vocab == sort_keys[begin].vocab) ++end;
-    std::sort(sort_keys.begin() + static_cast<ptrdiff_t>(begin),
-              sort_keys.begin() + static_cast<ptrdiff_t>(end), less);
-  }
-  std::vector<QueryTag>& sorted = prepared->tags;
-  sorted.clear();
-  prepared->keys.clear();
-  prepared->classes.clear();
-  for (size_t i = 0; i < sort_keys.size(); ++i) {
-    sorted.push_back(unsorted[sort_keys[i].index]);
-    prepared->keys.push_back(vocab_keys_[sorted.back().vocab]);
-    // Sorted: equal tags are neighbours.
-    const bool same_tag = i > 0 && sort_keys[i].vocab == sort_keys[i - 1].vocab &&
-                          sort_keys[i].head == sort_keys[i - 1].head &&
-                          text(sort_keys[i].index) == text(sort_keys[i - 1].index);
-    prepared->classes.push_back(i == 0 ? 0 : prepared->classes.back() + (same_tag ? 0 : 1));
+  QueryTag* sorted = AtLeast(&prepared->tags, n);
+  uint32_t* keys = AtLeast(&prepared->keys, n);
+  uint32_t* classes = AtLeast(&prepared->classes, n);
+  uint32_t tag_class = 0;
+  for (uint32_t begin = 0, end = 0; begin < n; begin = end) {
+    bool words = true;
+    while (end < n && sort_keys[end].vocab == sort_keys[begin].vocab) {
+      words = words && sort_keys[end].head != QueryTag::kNoWord;
+      ++end;
+    }
+    if (words) {
+      std::sort(sort_keys + begin, sort_keys + end, [](const auto& a, const auto& b) {
+        return a.head != b.head ? a.head < b.head : a.index < b.index;
+      });
+    } else {
+      for (uint32_t k = begin; k < end; ++k) sort_keys[k].head = Head(text(sort_keys[k].index));
+      std::sort(sort_keys + begin, sort_keys + end, [&](const auto& a, const auto& b) {
+        if (a.head != b.head) return a.head < b.head;
+        const int order = text(a.index).compare(text(b.index));
+        return order != 0 ? order < 0 : a.index < b.index;
+      });
+    }
+    for (uint32_t k = begin; k < end; ++k) {
+      sorted[k] = unsorted[sort_keys[k].index];
+      keys[k] = vocab_keys_[sorted[k].vocab];
+      // Sorted: equal tags are neighbours.
+      const bool same_tag = k > begin && sort_keys[k].head == sort_keys[k - 1].head &&
+                            (words || text(sort_keys[k].index) == text(sort_keys[k - 1].index));
+      if (k > 0 && !same_tag) ++tag_class;
+      classes[k] = tag_class;
+    }
   }
 
   // The combinations, generation by generation; of combinations with equal classes only the
-  // first one found is kept.
-  auto& combinations = prepared->combinations;
-  auto& intents = prepared->intents;
-  combinations.clear();
-  intents.clear();
+  // first one found is kept. A generation stops growing once past max_combinations_, after
+  // at most n more: the arrays hold that many.
   const size_t words = intent_words_;
+  const size_t most = std::max<size_t>(n, max_combinations_) + n;
+  PreparedTags::Combination* combinations = AtLeast(&prepared->combinations, most);
+  uint64_t* intents = AtLeast(&prepared->intents, most * words);
+  uint32_t count = 0;
   auto add = [&](uint32_t parent, uint32_t t) {
-    const uint64_t* accepting = &key_intents_[prepared->keys[t] * words];
+    const uint64_t* accepting = &key_intents_[keys[t] * words];
     const auto length = static_cast<uint32_t>(sorted[t].length);
+    uint64_t* out = &intents[count * words];
     if (parent == kNone) {
-      combinations.push_back({kNone, t, 1, length, sorted[t].start == 0});
-      for (size_t w = 0; w < words; ++w) intents.push_back(accepting[w]);
+      combinations[count++] = {kNone, t, 1, length, static_cast<uint32_t>(sorted[t].start), 0, 0};
+      for (size_t w = 0; w < words; ++w) out[w] = accepting[w];
       return;
     }
     const PreparedTags::Combination& from = combinations[parent];
-    combinations.push_back({parent, t, from.slots + 1, from.total + length, from.marker_first});
-    for (size_t w = 0; w < words; ++w)
-      intents.push_back(intents[parent * words + w] & accepting[w]);
+    combinations[count++] = {parent, t, from.slots + 1, from.total + length, from.first_start,
+                             0,      0};
+    const uint64_t* inherited = &intents[parent * words];
+    for (size_t w = 0; w < words; ++w) out[w] = inherited[w] & accepting[w];
   };
-  const std::vector<uint32_t>& classes = prepared->classes;
-  for (uint32_t i = 0; i < sorted.size(); ++i) {
+  for (uint32_t i = 0; i < n; ++i) {
     if (i == 0 || classes[i] != classes[i - 1]) add(kNone, i);
   }
-  const auto roots = static_cast<uint32_t>(combinations.size());
-  size_t generation_begin = 0;
-  size_t generation_end = combinations.size();
-  while (combinations.size() < max_combinations_) {
-    for (size_t p = generation_begin; p < generation_end; ++p) {
+  const uint32_t roots = count;
+  uint32_t generation_begin = 0;
+  uint32_t generation_end = count;
+  while (count < max_combinations_) {
+    for (uint32_t p = generation_begin; p < generation_end; ++p) {
       const QueryTag& last = sorted[combinations[p].tag];
       // Unsigned on purpose: a tag of length 0 at offset 0 lets nothing follow it.
       const uint32_t last_unit =
           static_cast<uint32_t>(last.start) + static_cast<uint32_t>(last.length) - 1u;
-      const auto first = static_cast<uint32_t>(combinations.size());
+      combinations[p].first_child = count;
       uint32_t added_class = kNone;
-      for (uint32_t i = 0; i < sorted.size(); ++i) {
+      for (uint32_t i = 0; i < n; ++i) {
         // Classes ascend with i: an equal tag later in the list would repeat this extension.
         if (static_cast<uint32_t>(sorted[i].start) <= last_unit || classes[i] == added_class) {
           continue;
         }
         added_class = classes[i];
-        add(static_cast<uint32_t>(p), i);
+        add(p, i);
       }
-      combinations[p].first_child = first;
-      combinations[p].end_child = static_cast<uint32_t>(combinations.size());
+      combinations[p].end_child = count;
       // Crossing the limit also ends the growth: the loop condition fails from here on.
-      if (combinations.size() > max_combinations_) break;
+      if (count > max_combinations_) break;
     }
-    if (combinations.size() == generation_end) break;  // nothing could be extended
+    if (count == generation_end) break;  // nothing could be extended
     generation_begin = generation_end;
-    generation_end = combinations.size();
+    generation_end = count;
   }
+  prepared->count = count;
 
   // Combination order, by classes, a prefix first: each combination followed by its extensions'
   // subtrees, which the generations made in order already.
-  prepared->order.clear();
+  uint32_t* order = AtLeast(&prepared->order, count);
+  uint32_t position = 0;
   auto& pending = prepared->pending;  // sibling ranges to visit
   pending.assign(1, {0, roots});
   while (!pending.empty()) {
@@ -224,7 +251,7 @@ void RegexParser::Prepare(std::u16string_view query, std::vector<QueryTag> tags,
       continue;
     }
     const uint32_t c = siblings.first++;
-    prepared->order.push_back(c);
+    order[position++] = c;
     const PreparedTags::Combination& combination = combinations[c];
     if (combination.first_child < combination.end_child) {
       pending.emplace_back(combination.first_child, combination.end_child);
@@ -258,7 +285,7 @@ const RegexParser::Rules& RegexParser::RulesOf(const Intent& intent) const {
     size_t first_broken = 0;
     while (first_broken < all.size() && all.compiled(first_broken)) ++first_broken;
     if (first_broken == all.size()) {
-      const bool marker = all.MayBeginWith(u'<');
+      const bool marker = all.LivePrefix(u"<") == 1;
       intent.rules = std::make_unique<const Rules>(Rules{std::move(all), std::string(), marker});
     } else {
       // The rule that did not compile is reported only when a query reaches it; the rules
@@ -267,7 +294,7 @@ const RegexParser::Rules& RegexParser::RulesOf(const Intent& intent) const {
                            " does not compile: " + all.error(first_broken);
       RegexSet before(std::vector<std::u16string>(intent.patterns.begin(),
                                                   intent.patterns.begin() + first_broken));
-      const bool marker = before.MayBeginWith(u'<');
+      const bool marker = before.LivePrefix(u"<") == 1;
       intent.rules =
           std::make_unique<const Rules>(Rules{std::move(before), std::move(broken), marker});
       any_broken_rule_ = true;
@@ -364,7 +391,8 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
   struct Space {
     PreparedTags prepared;
     Matching matching;
-    std::vector<uint64_t> viable;
+    std::vector<uint64_t> live;
+    std::vector<uint64_t> reached;
     std::vector<RankEntry> ranked;
   };
   thread_local Space space;
@@ -373,10 +401,12 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
     ~Release() {
       if (space.prepared.combinations.capacity() > (size_t{1} << 16) ||
           space.prepared.tags.capacity() > (size_t{1} << 16) ||
-          space.matching.rewritten.capacity() > (size_t{1} << 16)) {
+          space.matching.rewritten.capacity() > (size_t{1} << 16) ||
+          space.live.capacity() > (size_t{1} << 16)) {
         space.prepared = PreparedTags();
         space.matching = Matching();
         space.ranked = std::vector<RankEntry>();
+        space.live = std::vector<uint64_t>();
       }
     }
   } release;
@@ -394,7 +424,8 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
   // search below never reaches either. Until every intent's rules are compiled, whether one
   // has such a rule is not known: the intents a query may reach are compiled here.
   if (any_unconvertible_key_ || any_broken_rule_ || uncompiled_ > 0) {
-    for (const uint32_t c : prepared.order) {
+    for (uint32_t position = 0; position < prepared.count; ++position) {
+      const uint32_t c = prepared.order[position];
       ForEachBit(accepting + c * words, words, [&](size_t i) {
         if (any_unconvertible_key_) {
           prepared.PathOf(c, &matching.path);
@@ -410,30 +441,40 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
     }
   }
 
-  // A pair whose intent has no rule that can begin as the rewritten query does is left out:
-  // viable[w] holds the intents whose rules may begin with the query's first unit, and
-  // viable[words + w] those whose rules may begin with a marker (first, every accepting one).
-  std::vector<uint64_t>& viable = space.viable;
-  viable.assign(2 * words, 0);
-  for (size_t c = 0; c < prepared.combinations.size(); ++c) {
-    for (size_t w = 0; w < words; ++w) viable[w] |= accepting[c * words + w];
+  // A pair whose intent has no rule that can begin as the rewritten query does is left out: the
+  // query's units before the combination's first tag, then its marker. live[s * words + w]
+  // holds the intents whose rules may begin with the query's first s units (s from 1), and
+  // live[w] those whose rules may begin with a marker.
+  const size_t length = query.size();
+  std::vector<uint64_t>& live = space.live;
+  live.assign((length + 1) * words, 0);
+  std::vector<uint64_t>& reached = space.reached;
+  reached.assign(words, 0);
+  for (size_t c = 0; c < prepared.count; ++c) {
+    for (size_t w = 0; w < words; ++w) reached[w] |= accepting[c * words + w];
   }
-  ForEachBit(viable.data(), words, [&](size_t i) {
+  ForEachBit(reached.data(), words, [&](size_t i) {
     const Rules& rules = RulesOf(intents_[i]);
     const uint64_t bit = uint64_t{1} << (i % 64);
-    const bool any = !rules.broken.empty();  // reaching it fails the query: never left out
-    if (!any && !rules.before_broken.MayBeginWith(query[0])) viable[i / 64] &= ~bit;
-    if (any || rules.may_begin_with_marker) viable[words + i / 64] |= bit;
+    // Reaching a rule that did not compile fails the query: such an intent is never left out.
+    const bool any = !rules.broken.empty();
+    const size_t prefix = any ? length : rules.before_broken.LivePrefix(query);
+    if (prefix > 0) live[prefix * words + i / 64] |= bit;
+    if (any || rules.may_begin_with_marker) live[i / 64] |= bit;
   });
+  for (size_t s = length; s > 1; --s) {
+    for (size_t w = 0; w < words; ++w) live[(s - 1) * words + w] |= live[s * words + w];
+  }
   const auto pairs = [&](uint32_t c, size_t w) {
-    return accepting[c * words + w] & viable[prepared.combinations[c].marker_first * words + w];
+    const uint32_t first_start = prepared.combinations[c].first_start;
+    return accepting[c * words + w] & live[first_start * words + w];
   };
   // Candidates in rank order: most covered units, then fewest slots, then the order in which
   // the exhaustive search finds them (combination order, then intent order). A heap, as the
   // search usually stops after a few. A combination with no pair left gives no candidate.
   std::vector<RankEntry>& ranked = space.ranked;
   ranked.clear();
-  for (uint32_t position = 0; position < prepared.order.size(); ++position) {
+  for (uint32_t position = 0; position < prepared.count; ++position) {
     const uint32_t c = prepared.order[position];
     bool any_pair = false;
     for (size_t w = 0; w < words; ++w) any_pair = any_pair || pairs(c, w) != 0;
@@ -465,10 +506,12 @@ ParseTrace RegexParser::Explain(const std::u16string& query, std::vector<QueryTa
   PreparedTags prepared;
   Prepare(query, std::move(tags), &prepared);
   ParseTrace trace;
-  for (const QueryTag& tag : prepared.tags) trace.tags.push_back(ToSlot(tag, vocab_names_, query));
+  for (size_t t = 0; t < prepared.unsorted.size(); ++t) {
+    trace.tags.push_back(ToSlot(prepared.tags[t], vocab_names_, query));
+  }
   RegexSubject subject;
   std::vector<uint32_t> path;
-  for (size_t position = 0; position < prepared.order.size(); ++position) {
+  for (size_t position = 0; position < prepared.count; ++position) {
     const uint32_t c = prepared.order[position];
     ParseTrace::Combination& step = trace.combinations.emplace_back();
     prepared.PathOf(c, &path);

@@ -43,16 +43,19 @@ class Tagger::WordTrie {
   // Vocabulary i is the i-th entry of `vocabularies`.
   explicit WordTrie(const std::map<std::string, std::set<std::u16string>>& vocabularies);
 
-  // Calls visit(vocab, length) for every word that `text` begins with, by length and then by
-  // vocabulary; stops reading `text` as soon as no word continues. Returns the number of units
-  // read: up to and including the first that no word continues with.
+  // Calls visit(vocab, length, word) for every word that `text` begins with, by length and then
+  // by vocabulary, `word` numbering its text as QueryTag::word does; stops reading `text` as
+  // soon as no word continues. Returns the number of units read: up to and including the first
+  // that no word continues with.
   template <typename Visit>
   size_t ForEachPrefix(std::u16string_view text, Visit&& visit) const {
     uint32_t node = 0;
     for (size_t length = 1; length <= text.size(); ++length) {
       node = Child(node, text[length - 1]);
       if (node == kNone) return length;
-      for (uint32_t i = first_end_[node]; i < first_end_[node + 1]; ++i) visit(ends_[i], length);
+      for (uint32_t i = first_end_[node]; i < first_end_[node + 1]; ++i) {
+        visit(ends_[i], length, node);
+      }
     }
     return text.size();
   }
@@ -79,9 +82,10 @@ class Tagger::WordTrie {
 };
 
 Tagger::WordTrie::WordTrie(const std::map<std::string, std::set<std::u16string>>& vocabularies) {
-  // Every (word, vocabulary) in word order: then a node's children are made in unit order and
-  // each word shares with the one before it exactly the nodes of their common prefix. Each
-  // vocabulary's words are in order already: merged, not sorted.
+  // Every (word, vocabulary) in word order: then a node's children are made in unit order, each
+  // word shares with the one before it exactly the nodes of their common prefix, and nodes are
+  // numbered in the order of their texts. Each vocabulary's words are in order already: merged,
+  // not sorted.
   struct Entry {
     const std::u16string* word;
     uint32_t vocab;
@@ -286,10 +290,10 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
   size_t work_left = max_work;
   for (size_t start = 0; start < text.size(); ++start) {
     const std::u16string_view rest = text.substr(start);
-    const size_t read =
-        trie_->ForEachPrefix(rest.substr(0, work_left), [&](uint32_t vocab, size_t length) {
+    const size_t read = trie_->ForEachPrefix(
+        rest.substr(0, work_left), [&](uint32_t vocab, size_t length, uint32_t word) {
           check_room(found.size());
-          found.push_back({vocab, static_cast<int32_t>(start), static_cast<int32_t>(length)});
+          found.push_back({vocab, static_cast<int32_t>(start), static_cast<int32_t>(length), word});
         });
     // Out of work with the query not read to its end, or with a word still being followed.
     if (read == work_left && read < rest.size()) {
@@ -301,7 +305,8 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
   std::vector<uint32_t> next;
   std::vector<QueryTag> tags(found.size());
   PlaceByVocabulary(found, dictionary_vocabs_.size(), &next, [&](uint32_t i, uint32_t position) {
-    tags[position] = {dictionary_vocabs_[found[i].vocab], found[i].start, found[i].length};
+    tags[position] = {dictionary_vocabs_[found[i].vocab], found[i].start, found[i].length,
+                      found[i].word};
   });
   // A query far larger than usual does not leave its buffer behind.
   if (found.capacity() > (size_t{1} << 16)) found = std::vector<QueryTag>();

@@ -52,9 +52,14 @@ inline constexpr size_t MaxDictionaryWork(size_t length) { return (size_t{1} << 
 
 // One piece of a query that a vocabulary or regex vocabulary recognised.
 struct QueryTag {
+  static constexpr uint32_t kNoWord = UINT32_MAX;
+
   uint32_t vocab;  // position of the vocabulary's name in Tagger::vocab_names()
   int32_t start;   // offset in the query, in UTF-16 units
   int32_t length;  // in UTF-16 units
+  // For a vocabulary word: a number for its text, equal for equal texts and ascending as the
+  // texts do (unit by unit, a prefix first) among the words of one Tagger. kNoWord otherwise.
+  uint32_t word = kNoWord;
 };
 
 // Calls place(i, position) for each tags[i]: the positions order the tags by vocabulary (each
