@@ -36,13 +36,20 @@ const std::vector<std::string>& Names() {
 }
 
 // `tags` as the tagger hands them over; each tag's text must stand in `query` where it starts.
+// Most tags come numbered as vocabulary words are, by their texts' order; the others, as regex
+// tags, without a number, so that a vocabulary's tags may be either or both.
 std::vector<QueryTag> ToQueryTags(const std::vector<SlotMatch>& tags, const std::u16string& query) {
+  std::set<std::u16string> texts;
+  for (const SlotMatch& tag : tags) texts.insert(tag.value);
   std::vector<QueryTag> out;
   for (const SlotMatch& tag : tags) {
     EXPECT_EQ(query.substr(tag.start, tag.length), tag.value);
     const auto name = std::lower_bound(Names().begin(), Names().end(), tag.key);
     EXPECT_TRUE(name != Names().end() && *name == tag.key) << tag.key;
-    out.push_back({static_cast<uint32_t>(name - Names().begin()), tag.start, tag.length});
+    const auto vocab = static_cast<uint32_t>(name - Names().begin());
+    const auto word = static_cast<uint32_t>(std::distance(texts.begin(), texts.find(tag.value)));
+    const bool numbered = (vocab + static_cast<uint32_t>(tag.start)) % 3 != 0;
+    out.push_back({vocab, tag.start, tag.length, numbered ? word : QueryTag::kNoWord});
   }
   return out;
 }

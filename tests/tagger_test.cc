@@ -249,6 +249,15 @@ TEST(Tagger, DictionaryTagsAgreeWithBruteForce) {
         }
       }
       ASSERT_EQ(Tags(tagger, Utf16ToUtf8(query)), DumpTags(expected)) << "round " << round;
+      // Word numbers compare as the words do.
+      const std::vector<QueryTag> tags = tagger.Tag(query);
+      for (const QueryTag& a : tags) {
+        for (const QueryTag& b : tags) {
+          const int order = query.compare(a.start, a.length, query, b.start, b.length);
+          ASSERT_EQ(a.word < b.word, order < 0) << "round " << round;
+          ASSERT_EQ(a.word == b.word, order == 0) << "round " << round;
+        }
+      }
     }
   }
   // Queries have no length limit: a million units of words are tagged.
