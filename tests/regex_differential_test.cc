@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "nlu/regex.h"
+#include "nlu/regex_translate.h"
 
 namespace rulenlu {
 namespace {
@@ -314,6 +315,8 @@ void Compare(const std::u16string& pattern, RegexGrammar grammar,
   const std::unique_ptr<RegexSet> rules =
       grammar == P ? std::make_unique<RegexSet>(std::vector<std::u16string>{pattern}) : nullptr;
   if (rules != nullptr && !rules->compiled(0)) fail("rejected as a rule: " + rules->error(0));
+  // Whole matches are as long as the pattern's length bounds allow.
+  const LengthRange lengths = MatchLengths(TranslateRegex(pattern, grammar).tree);
   for (const std::u16string& text : texts) {
     ++tally->texts;
     const std::wstring wide(text.begin(), text.end());
@@ -325,6 +328,10 @@ void Compare(const std::u16string& pattern, RegexGrammar grammar,
       const bool whole = std::regex_match(wide, reference);
       if (ours->FullMatch(subject) != whole) {
         fail(std::string("whole match ") + (whole ? "missed" : "found") + where);
+      }
+      if (whole && (text.size() < lengths.least || text.size() > lengths.most)) {
+        fail("whole match outside the length bounds " + std::to_string(lengths.least) + ".." +
+             std::to_string(lengths.most) + where);
       }
       if (rules != nullptr && rules->AnyFullMatch(subject) != whole) {
         fail(std::string("rule set's whole match ") + (whole ? "missed" : "found") + where);

@@ -142,6 +142,7 @@ struct SetPart {
   Code code;
   size_t first;  // the lowest rule index in the part
   size_t rule;   // the one rule of a part compiled alone (it has no mark); SIZE_MAX otherwise
+  LengthRange lengths;  // of the texts some rule of the part matches
 };
 
 // The key of the units a whole match may begin with: ASCII letters of either case share one, as
@@ -194,33 +195,51 @@ std::vector<char16_t> CheckSetRule(const std::string& pcre) {
 
 // Compiles the rules `rules` (ascending indices into `translated`) into parts of up to
 // kMaxSetPartLength, appended to `group`; a part too large for the matcher is compiled rule by
-// rule instead (each fits alone: CheckSetRule said so).
-void CompileSetGroup(const std::vector<size_t>& rules, const std::vector<std::string>& translated,
-                     std::vector<SetPart>* group) {
-  auto compile_part = [&](size_t begin, size_t end, const std::string& alternation) {
+// rule instead (each fits alone: CheckSetRule said so). Rules of like lengths (`lengths`, per
+// rule) share parts, so that a text passes over the parts whose rules cannot be as long.
+void CompileSetGroup(std::vector<size_t> rules, const std::vector<std::string>& translated,
+                     const std::vector<LengthRange>& lengths, std::vector<SetPart>* group) {
+  // The parts take rules in order of their shortest lengths, those with no longest length
+  // last; each part's own rules ascend, so that its first marked match is its lowest rule.
+  const auto unbounded = [&](size_t rule) { return lengths[rule].most == LengthRange::kUnbounded; };
+  std::stable_sort(rules.begin(), rules.end(), [&](size_t a, size_t b) {
+    return std::make_pair(unbounded(a), lengths[a].least) <
+           std::make_pair(unbounded(b), lengths[b].least);
+  });
+  auto compile_part = [&](size_t begin, size_t end) {
+    std::vector<size_t> part(rules.begin() + static_cast<ptrdiff_t>(begin),
+                             rules.begin() + static_cast<ptrdiff_t>(end));
+    std::sort(part.begin(), part.end());
+    LengthRange range = {LengthRange::kUnbounded, 0};
+    std::string alternation;
+    for (const size_t rule : part) {
+      range = {std::min(range.least, lengths[rule].least),
+               std::max(range.most, lengths[rule].most)};
+      if (!alternation.empty()) alternation += "|";
+      alternation += "(?:" + translated[rule] + ")\\z(*MARK:" + std::to_string(rule) + ")";
+    }
     try {
       group->push_back(
-          SetPart{Compile("\\A(?:" + alternation + ")", true), rules[begin], SIZE_MAX});
+          SetPart{Compile("\\A(?:" + alternation + ")", true), part[0], SIZE_MAX, range});
     } catch (const RegexError&) {
-      for (size_t k = begin; k < end; ++k) {
-        group->push_back(SetPart{Compile(Whole(translated[rules[k]]), true), rules[k], rules[k]});
+      for (const size_t rule : part) {
+        group->push_back(
+            SetPart{Compile(Whole(translated[rule]), true), rule, rule, lengths[rule]});
       }
     }
   };
   size_t begin = 0;
-  std::string alternation;
+  size_t length = 0;
   for (size_t k = 0; k < rules.size(); ++k) {
-    const std::string marked =
-        "(?:" + translated[rules[k]] + ")\\z(*MARK:" + std::to_string(rules[k]) + ")";
-    if (!alternation.empty() && alternation.size() + marked.size() > kMaxSetPartLength) {
-      compile_part(begin, k, alternation);
+    const size_t marked = translated[rules[k]].size() + 32;
+    if (k > begin && length + marked > kMaxSetPartLength) {
+      compile_part(begin, k);
       begin = k;
-      alternation.clear();
+      length = 0;
     }
-    if (!alternation.empty()) alternation += "|";
-    alternation += marked;
+    length += marked;
   }
-  if (!alternation.empty()) compile_part(begin, rules.size(), alternation);
+  if (begin < rules.size()) compile_part(begin, rules.size());
 }
 
 }  // namespace
@@ -296,6 +315,7 @@ RegexSet::RegexSet(const std::vector<std::u16string>& patterns) : impl_(std::mak
   std::vector<std::string> translated(patterns.size());
   std::vector<RegexTree> trees(patterns.size());
   std::vector<const RegexTree*> compiled(patterns.size(), nullptr);
+  std::vector<LengthRange> lengths(patterns.size());
   // Rules grouped by the keys they may begin with (none: not known). A group is compiled once
   // and tried for each of its keys, so no rule is compiled twice.
   std::map<std::vector<char16_t>, std::vector<size_t>> groups;
@@ -306,6 +326,7 @@ RegexSet::RegexSet(const std::vector<std::u16string>& patterns) : impl_(std::mak
       groups[CheckSetRule(translated[i])].push_back(i);
       trees[i] = std::move(translation.tree);
       compiled[i] = &trees[i];
+      lengths[i] = MatchLengths(trees[i]);
     } catch (const RegexError& e) {
       impl_->errors[i] = e.what();
     }
@@ -315,16 +336,21 @@ RegexSet::RegexSet(const std::vector<std::u16string>& patterns) : impl_(std::mak
   std::map<char16_t, std::vector<size_t>> keyed;
   for (const auto& [keys, rules] : groups) {
     const size_t begin = impl_->parts.size();
-    CompileSetGroup(rules, translated, &impl_->parts);
+    CompileSetGroup(rules, translated, lengths, &impl_->parts);
     for (size_t part = begin; part < impl_->parts.size(); ++part) {
       if (keys.empty()) impl_->unknown.push_back(part);
       for (const char16_t key : keys) keyed[key].push_back(part);
     }
   }
+  // In order of their first rules: a part whose first rule is above the best match so far ends
+  // the search.
+  const auto by_first = [&](size_t a, size_t b) {
+    return impl_->parts[a].first < impl_->parts[b].first;
+  };
+  std::sort(impl_->unknown.begin(), impl_->unknown.end(), by_first);
   for (auto& [key, parts] : keyed) {
     parts.insert(parts.end(), impl_->unknown.begin(), impl_->unknown.end());
-    std::sort(parts.begin(), parts.end(),
-              [&](size_t a, size_t b) { return impl_->parts[a].first < impl_->parts[b].first; });
+    std::sort(parts.begin(), parts.end(), by_first);
     impl_->keys.push_back(key);
     impl_->keyed.push_back(std::move(parts));
   }
@@ -367,6 +393,9 @@ size_t RegexSet::FirstFullMatch(const RegexSubject& subject) const {
   for (const size_t index : *parts) {
     const SetPart& part = impl_->parts[index];
     if (part.first >= best) break;
+    if (subject.units_.size() < part.lengths.least || subject.units_.size() > part.lengths.most) {
+      continue;
+    }
     if (resources.Run(part.code.get(), subject.units_, 0, false)) {
       best = std::min(best, part.rule != SIZE_MAX ? part.rule : resources.MarkNumber());
     }

@@ -1070,4 +1070,61 @@ TranslatedRegex TranslateRegex(std::u16string_view pattern, RegexGrammar grammar
   return result;
 }
 
+namespace {
+
+uint64_t SaturatedAdd(uint64_t a, uint64_t b) {
+  return a > LengthRange::kUnbounded - b ? LengthRange::kUnbounded : a + b;
+}
+uint64_t SaturatedTimes(uint64_t a, uint64_t b) {
+  return a != 0 && b > LengthRange::kUnbounded / a ? LengthRange::kUnbounded : a * b;
+}
+
+LengthRange LengthsFrom(const RegexTree& tree, size_t index) {
+  const RegexNode& node = tree.nodes[index];
+  switch (node.kind) {
+    case RegexNode::kChar:
+    case RegexNode::kSet:
+      return {1, 1};
+    case RegexNode::kGroup:
+    case RegexNode::kNoGroup:
+      return LengthsFrom(tree, node.kids[0]);
+    case RegexNode::kConcat: {
+      LengthRange sum;
+      for (const size_t kid : node.kids) {
+        const LengthRange range = LengthsFrom(tree, kid);
+        sum = {SaturatedAdd(sum.least, range.least), SaturatedAdd(sum.most, range.most)};
+      }
+      return sum;
+    }
+    case RegexNode::kAlt: {
+      if (node.kids.empty()) return {0, 0};
+      LengthRange all = {LengthRange::kUnbounded, 0};
+      for (const size_t kid : node.kids) {
+        const LengthRange range = LengthsFrom(tree, kid);
+        all = {std::min(all.least, range.least), std::max(all.most, range.most)};
+      }
+      return all;
+    }
+    case RegexNode::kRepeat: {
+      const LengthRange once = LengthsFrom(tree, node.kids[0]);
+      return {SaturatedTimes(once.least, node.min),
+              node.infinite ? (once.most == 0 ? 0 : LengthRange::kUnbounded)
+                            : SaturatedTimes(once.most, node.max)};
+    }
+    case RegexNode::kLineBegin:
+    case RegexNode::kLineEnd:
+    case RegexNode::kWordBound:
+    case RegexNode::kNotWordBound:
+    case RegexNode::kLookahead:
+    case RegexNode::kNegLookahead:
+      return {0, 0};
+    default:  // a back-reference matches what its group did: any length
+      return {0, LengthRange::kUnbounded};
+  }
+}
+
+}  // namespace
+
+LengthRange MatchLengths(const RegexTree& tree) { return LengthsFrom(tree, tree.root); }
+
 }  // namespace rulenlu

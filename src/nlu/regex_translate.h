@@ -57,6 +57,17 @@ struct RegexTree {
   size_t root = 0;
 };
 
+// The lengths, in units, of the texts a tree can match.
+struct LengthRange {
+  static constexpr uint64_t kUnbounded = UINT64_MAX;
+  uint64_t least = 0;
+  uint64_t most = 0;  // kUnbounded: no bound
+};
+
+// Bounds on the length of every text `tree` matches whole: none is shorter than `least` or
+// longer than `most` (a back-reference counts as any length).
+LengthRange MatchLengths(const RegexTree& tree);
+
 struct TranslatedRegex {
   std::string pcre;          // ASCII PCRE2 pattern, unanchored; matches what `pattern` matches
   size_t capture_count = 0;  // capturing groups kept in `pcre` (only back-referenced ones)
