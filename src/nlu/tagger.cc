@@ -121,31 +121,43 @@ Tagger::WordTrie::WordTrie(const std::map<std::string, std::set<std::u16string>>
     }
   }
 
+  // The nodes are counted first, so that the links are made in arrays of their final sizes.
+  std::vector<uint32_t> common(entries.size());
+  size_t edge_count = 0;
+  for (size_t e = 1; e <= entries.size(); ++e) {
+    const std::u16string& word = *entries[e - 1].word;
+    if (e > 1) {
+      const std::u16string& previous = *entries[e - 2].word;
+      const size_t most = std::min(previous.size(), word.size());
+      while (common[e - 1] < most && previous[common[e - 1]] == word[common[e - 1]]) {
+        ++common[e - 1];
+      }
+    }
+    edge_count += word.size() - common[e - 1];
+  }
+  // A link leaves node `from`: an edge, whose child is the node made with it (edge i makes node
+  // i + 1), or a word's end.
   struct Link {
     uint32_t from;
-    uint32_t payload;  // an edge's unit and child, or an end's vocabulary
-    uint32_t child;
+    uint32_t payload;  // an edge's unit, or an end's vocabulary
   };
   std::vector<Link> edges;
+  edges.reserve(edge_count);
   std::vector<Link> ends;
-  uint32_t nodes = 1;
+  ends.reserve(entries.size());
+  const auto nodes = static_cast<uint32_t>(edge_count + 1);
   std::vector<uint32_t> path = {0};  // path[d]: the node after the previous word's first d units
-  const std::u16string* previous = nullptr;
-  for (const Entry& entry : entries) {
-    const std::u16string& word = *entry.word;
-    size_t common = 0;
-    if (previous != nullptr) {
-      const size_t most = std::min(previous->size(), word.size());
-      while (common < most && (*previous)[common] == word[common]) ++common;
+  for (size_t e = 0; e < entries.size(); ++e) {
+    const std::u16string& word = *entries[e].word;
+    path.resize(common[e] + 1);
+    for (size_t d = common[e]; d < word.size(); ++d) {
+      edges.push_back({path[d], word[d]});
+      path.push_back(static_cast<uint32_t>(edges.size()));
     }
-    path.resize(common + 1);
-    for (size_t d = common; d < word.size(); ++d) {
-      edges.push_back({path[d], word[d], nodes});
-      path.push_back(nodes++);
-    }
-    ends.push_back({path[word.size()], entry.vocab, 0});
-    previous = &word;
+    ends.push_back({path[word.size()], entries[e].vocab});
   }
+  std::vector<uint32_t>().swap(common);
+  std::vector<Entry>().swap(entries);
 
   // Grouped by node, keeping the order they were made in (units and vocabularies ascending).
   auto group = [&](const std::vector<Link>& links, std::vector<uint32_t>* first) {
@@ -162,7 +174,7 @@ Tagger::WordTrie::WordTrie(const std::map<std::string, std::set<std::u16string>>
   edge_child_.reserve(edges.size());
   for (uint32_t i : edge_order) {
     edge_unit_.push_back(static_cast<char16_t>(edges[i].payload));
-    edge_child_.push_back(edges[i].child);
+    edge_child_.push_back(i + 1);
   }
   const std::vector<uint32_t> end_order = group(ends, &first_end_);
   ends_.reserve(ends.size());
