@@ -356,6 +356,13 @@ void Compare(const std::u16string& pattern, RegexGrammar grammar,
                  where + ", std::wregex's " + expected);
           }
           tally->ruled_out += start == RegexFinder::kNone;
+          // Its search, exact or looser, attempts only where a match may begin.
+          RegexMatch searched;
+          const bool found_by_finder = finder->Search(*ours, starts, 0, subject, from, &searched);
+          if (Found(found_by_finder, searched.start, searched.length) != expected) {
+            fail("finder's search from " + std::to_string(from) + where + ", std::wregex's " +
+                 expected);
+          }
           RegexMatch at;
           if (hit && start == wanted &&
               (!ours->MatchAt(subject, start, &at) ||

@@ -403,23 +403,59 @@ size_t RegexSet::FirstFullMatch(const RegexSubject& subject) const {
   return best;
 }
 
+namespace {
+
+// `tree` loosened so that an automaton can read it: each lookahead holds everywhere and each
+// back-reference matches any text. Every text the tree matches, the loosened one matches.
+// Returns whether anything was loosened.
+bool Loosen(RegexTree* tree) {
+  bool loosened = false;
+  for (size_t n = 0; n < tree->nodes.size(); ++n) {
+    RegexNode& node = tree->nodes[n];
+    if (node.kind == RegexNode::kLookahead || node.kind == RegexNode::kNegLookahead) {
+      node.kind = RegexNode::kConcat;  // of nothing: the empty text
+      node.kids.clear();
+      loosened = true;
+    } else if (node.kind == RegexNode::kBackref) {
+      tree->sets.push_back({{char16_t{0}, char16_t{0xFFFF}}});
+      RegexNode any(RegexNode::kSet);
+      any.index = tree->sets.size() - 1;
+      tree->nodes.push_back(any);  // `node` may dangle from here on
+      RegexNode& repeat = tree->nodes[n];
+      repeat.kind = RegexNode::kRepeat;
+      repeat.min = 0;
+      repeat.infinite = true;
+      repeat.lazy = false;
+      repeat.kids = {tree->nodes.size() - 1};
+      loosened = true;
+    }
+  }
+  return loosened;
+}
+
+}  // namespace
+
 struct RegexFinder::Impl {
   struct Group {
     SearchAutomaton automaton;
     size_t first;  // the pattern of the automaton's bit 0
   };
   std::vector<Group> groups;
-  // Per pattern: its group and bit, or kUnknown when no automaton answers it.
+  // Per pattern: its group and bit, or kUnknown when no automaton answers it; whether the
+  // automaton reads the pattern itself, not a looser one.
   std::vector<std::pair<size_t, size_t>> places;
+  std::vector<bool> exact;
 };
 
 RegexFinder::RegexFinder(const std::vector<std::u16string>& patterns)
     : impl_(std::make_unique<Impl>()) {
   impl_->places.assign(patterns.size(), {kUnknown, 0});
+  impl_->exact.assign(patterns.size(), true);
   std::vector<std::optional<RegexTree>> trees(patterns.size());
   for (size_t i = 0; i < patterns.size(); ++i) {
     try {
       trees[i] = TranslateRegex(patterns[i], RegexGrammar::kEcmaScript).tree;
+      impl_->exact[i] = !Loosen(&*trees[i]);
     } catch (const RegexError&) {
       // Such a pattern fails elsewhere; here it is only not answered.
     }
@@ -459,6 +495,24 @@ void RegexFinder::Scan(const RegexSubject& subject, Starts* starts) const {
 }
 
 size_t RegexFinder::NextStart(const Starts& starts, size_t i, size_t from) const {
+  return impl_->exact[i] ? Candidate(starts, i, from) : kUnknown;
+}
+
+bool RegexFinder::Search(const Regex& regex, const Starts& starts, size_t i,
+                         const RegexSubject& subject, size_t from, RegexMatch* match) const {
+  size_t start = Candidate(starts, i, from);
+  if (start == kUnknown) return regex.Search(subject, from, match);
+  // No match begins before the first candidate, nor between two: an attempt at each in turn is
+  // the search. For the pattern itself, the first candidate is where its match begins; should
+  // the attempt there fail all the same, the search from there gives the answer.
+  for (; start != kNone; start = Candidate(starts, i, start + 1)) {
+    if (regex.MatchAt(subject, start, match)) return true;
+    if (impl_->exact[i]) return regex.Search(subject, start, match);
+  }
+  return false;
+}
+
+size_t RegexFinder::Candidate(const Starts& starts, size_t i, size_t from) const {
   const auto [group, bit] = impl_->places[i];
   if (group == kUnknown) return kUnknown;
   const uint64_t mask = uint64_t{1} << bit;

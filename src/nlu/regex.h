@@ -105,7 +105,10 @@ class Regex {
 
 // Where the matches of many ECMAScript patterns begin in a text, found in one pass over it.
 // Most patterns of a configuration have no match in most queries, and then need no search; a
-// search that knows where its match begins makes one attempt instead of one per offset.
+// search that knows where its match begins makes one attempt instead of one per offset. For a
+// pattern with a lookahead or a back-reference, the pass finds where matches of a looser
+// pattern begin (the lookahead always holding, the reference matching any text): the search
+// makes its attempts only there.
 class RegexFinder {
  public:
   static constexpr size_t kNone = SIZE_MAX;
@@ -130,10 +133,20 @@ class RegexFinder {
   // The first offset at or after `from` where a match of patterns[i] begins in the subject
   // `starts` was scanned from (the whole subject the context, as Regex::Search has it); kNone
   // when there is none; kUnknown when this cannot tell (a pattern with a lookahead or a
-  // back-reference, or that does not compile): search instead.
+  // back-reference, or that does not compile).
   size_t NextStart(const Starts& starts, size_t i, size_t from) const;
 
+  // What regex.Search(subject, from, match) finds, where `regex` is patterns[i] compiled and
+  // `starts` was scanned from `subject`: attempts are made only where a match may begin.
+  // Throws RegexError as Regex::Search does.
+  bool Search(const Regex& regex, const Starts& starts, size_t i, const RegexSubject& subject,
+              size_t from, RegexMatch* match) const;
+
  private:
+  // The first offset at or after `from` where a match of patterns[i], or of its looser
+  // pattern, may begin; kNone or kUnknown as for NextStart.
+  size_t Candidate(const Starts& starts, size_t i, size_t from) const;
+
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };

@@ -342,16 +342,7 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
       RegexMatch match;
       size_t from = 0;
       // Searching again at the end of the query still finds a pattern that matches there.
-      for (;;) {
-        const size_t start = finder_->NextStart(starts, index, from);
-        if (start == RegexFinder::kNone) break;
-        // Where the finder names a start, one attempt there is the search; should it not match,
-        // the search from there still gives the answer.
-        const bool found =
-            start == RegexFinder::kUnknown
-                ? regex.Search(subject, from, &match)
-                : regex.MatchAt(subject, start, &match) || regex.Search(subject, start, &match);
-        if (!found) break;
+      while (finder_->Search(regex, starts, index, subject, from, &match)) {
         // The next search would begin where this one did and find the same empty match forever.
         if (match.length == 0) throw RegexError("a regex vocabulary pattern matched empty text");
         add_tag(vocab.vocab, match.start, match.length);
