@@ -146,7 +146,7 @@ TEST(Tagger, RefusesQueriesPastTheTagAndLookupBounds) {
   };
   // The number of tags of `query` with words `words` and regex vocabulary patterns `patterns`,
   // or nothing when it is refused.
-  auto count_tags = [&](const std::set<std::u16string>& words,
+  auto count_tags = [&](const std::vector<std::u16string>& words,
                         const std::vector<std::u16string>& patterns) -> std::optional<size_t> {
     LogCapture cap;
     RegexVocabularies regex_vocabularies;
@@ -159,8 +159,8 @@ TEST(Tagger, RefusesQueriesPastTheTagAndLookupBounds) {
     }
   };
   auto prefixes = [](size_t n) {
-    std::set<std::u16string> words;
-    for (size_t k = 1; k <= n; ++k) words.insert(std::u16string(k, u'a'));
+    std::vector<std::u16string> words;
+    for (size_t k = 1; k <= n; ++k) words.push_back(std::u16string(k, u'a'));
     return words;
   };
   // The most prefixes whose tags fit the bound, alone and with one regex tag per unit.
@@ -170,7 +170,7 @@ TEST(Tagger, RefusesQueriesPastTheTagAndLookupBounds) {
   while (prefix_tags(fit_with_regex + 1) + length <= bound) ++fit_with_regex;
   // words, regex patterns, the tag count expected, or nothing when refused.
   const std::vector<
-      std::tuple<std::set<std::u16string>, std::vector<std::u16string>, std::optional<size_t>>>
+      std::tuple<std::vector<std::u16string>, std::vector<std::u16string>, std::optional<size_t>>>
       cases = {{prefixes(fit), {}, prefix_tags(fit)},
                {prefixes(fit + 1), {}, std::nullopt},
                // Every prefix of the query: two million tags, refused.
@@ -229,9 +229,10 @@ TEST(Tagger, DictionaryTagsAgreeWithBruteForce) {
     return out;
   };
   for (int round = 0; round < 300; ++round) {
-    std::map<std::string, std::set<std::u16string>> vocabularies;
-    vocabularies.emplace(names[pick(6)], std::set<std::u16string>());  // maybe with no word
-    for (size_t w = pick(20); w > 0; --w) vocabularies[names[pick(6)]].insert(text(4));
+    // Words in any order, some repeated.
+    std::map<std::string, std::vector<std::u16string>> vocabularies;
+    vocabularies.emplace(names[pick(6)], std::vector<std::u16string>());  // maybe with no word
+    for (size_t w = pick(20); w > 0; --w) vocabularies[names[pick(6)]].push_back(text(4));
     const Tagger tagger(vocabularies, {}, {});
     for (int q = 0; q < 10; ++q) {
       std::u16string query = text(24);
@@ -242,7 +243,7 @@ TEST(Tagger, DictionaryTagsAgreeWithBruteForce) {
       for (const auto& [name, words] : vocabularies) {
         for (size_t start = 0; start < query.size(); ++start) {
           for (size_t length = 1; length <= 8 && start + length <= query.size(); ++length) {
-            if (words.count(query.substr(start, length)) == 0) continue;
+            if (std::count(words.begin(), words.end(), query.substr(start, length)) == 0) continue;
             expected.push_back({name, query.substr(start, length), static_cast<int32_t>(start),
                                 static_cast<int32_t>(length)});
           }

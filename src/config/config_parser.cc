@@ -91,17 +91,19 @@ void ParseRegexVocabMap(const rapidjson::Value& root, NluConfig* config) {
   }
 }
 
-// Stores, for every member of "vocabMap" whose value is an array, the set of its string
-// elements. A name that occurs twice keeps its last array.
+// Stores, for every member of "vocabMap" whose value is an array, its string elements in order
+// without repeats. A name that occurs twice keeps its last array.
 void ParseVocabMap(const rapidjson::Value& root, NluConfig* config) {
   const rapidjson::Value* map = FindObject(root, "vocabMap");
   if (map == nullptr) return;
   for (const auto& member : map->GetObject()) {
     if (!member.value.IsArray()) continue;
-    std::set<std::u16string> words;
+    std::vector<std::u16string> words;
+    words.reserve(member.value.Size());
     for (const rapidjson::Value& element : member.value.GetArray()) {
-      if (element.IsString()) words.insert(WideString(element));
+      if (element.IsString()) words.push_back(WideString(element));
     }
+    SortWords(&words);
     config->vocabMap[NarrowString(member.name)] = std::move(words);
   }
 }

@@ -22,8 +22,10 @@ NluConfig FromUtf8Config(const Utf8NluConfig& config) {
     out.regexVocabMap.emplace(name, ToUtf16(patterns));
   }
   for (const auto& [name, words] : config.vocabMap) {
-    std::set<std::u16string>& wide = out.vocabMap[name];
-    for (const std::string& word : words) wide.insert(Utf8ToUtf16(word));
+    std::vector<std::u16string>& wide = out.vocabMap[name];
+    wide.reserve(words.size());
+    for (const std::string& word : words) wide.push_back(Utf8ToUtf16(word));
+    SortWords(&wide);  // UTF-8 byte order is not always UTF-16 unit order
   }
   for (const auto& [key, intent] : config.intentMap) {
     IntentConfig& wide = out.intentMap[key];

@@ -1,12 +1,15 @@
 #include "nlu/tagger.h"
 
 #include <algorithm>
+#include <deque>
+#include <functional>
 #include <string>
 #include <string_view>
 
 #include "base/error.h"
 #include "base/log.h"
 #include "base/text.h"
+#include "config/nlu_config.h"
 
 namespace rulenlu {
 namespace {
@@ -41,7 +44,7 @@ bool FindReference(std::u16string_view text, size_t from, size_t* start, size_t*
 class Tagger::WordTrie {
  public:
   // Vocabulary i is the i-th entry of `vocabularies`.
-  explicit WordTrie(const std::map<std::string, std::set<std::u16string>>& vocabularies);
+  explicit WordTrie(const std::map<std::string, std::vector<std::u16string>>& vocabularies);
 
   // Calls visit(vocab, length, word) for every word that `text` begins with, by length and then
   // by vocabulary, `word` numbering its text as QueryTag::word does; stops reading `text` as
@@ -89,7 +92,7 @@ class Tagger::WordTrie {
   std::vector<uint32_t> ends_;
 };
 
-Tagger::WordTrie::WordTrie(const std::map<std::string, std::set<std::u16string>>& vocabularies) {
+Tagger::WordTrie::WordTrie(const std::map<std::string, std::vector<std::u16string>>& vocabularies) {
   // Every (word, vocabulary) in word order: then a node's children are made in unit order, each
   // word shares with the one before it exactly the nodes of their common prefix, and nodes are
   // numbered in the order of their texts. Each vocabulary's words are in order already: merged,
@@ -99,15 +102,21 @@ Tagger::WordTrie::WordTrie(const std::map<std::string, std::set<std::u16string>>
     uint32_t vocab;
   };
   struct Cursor {
-    std::set<std::u16string>::const_iterator next, end;
+    std::vector<std::u16string>::const_iterator next, end;
     uint32_t vocab;
   };
   std::vector<Cursor> cursors;
+  std::deque<std::vector<std::u16string>> sorted;  // copies of the vocabularies out of order
   size_t total = 0;
   uint32_t vocab = 0;
-  for (const auto& [name, words] : vocabularies) {
-    if (!words.empty()) cursors.push_back({words.begin(), words.end(), vocab});
-    total += words.size();
+  for (const auto& [name, given] : vocabularies) {
+    const std::vector<std::u16string>* words = &given;
+    if (std::adjacent_find(given.begin(), given.end(), std::greater_equal<>()) != given.end()) {
+      SortWords(&sorted.emplace_back(given));
+      words = &sorted.back();
+    }
+    if (!words->empty()) cursors.push_back({words->begin(), words->end(), vocab});
+    total += words->size();
     ++vocab;
   }
   // A heap of cursors whose top holds the least (word, vocabulary).
@@ -251,7 +260,7 @@ std::optional<std::u16string> ExpandVariables(
   return text;
 }
 
-Tagger::Tagger(const std::map<std::string, std::set<std::u16string>>& vocab_map,
+Tagger::Tagger(const std::map<std::string, std::vector<std::u16string>>& vocab_map,
                std::map<std::string, std::vector<std::u16string>> regex_vocab_map,
                const std::vector<std::pair<std::string, std::u16string>>& variable_entries)
     : trie_(std::make_unique<WordTrie>(vocab_map)) {
