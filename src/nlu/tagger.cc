@@ -176,26 +176,24 @@ Tagger::WordTrie::WordTrie(const std::map<std::string, std::vector<std::u16strin
   std::vector<uint32_t>().swap(common);
   std::vector<Entry>().swap(entries);
 
-  // Grouped by node, keeping the order they were made in (units and vocabularies ascending).
-  auto group = [&](const std::vector<Link>& links, std::vector<uint32_t>* first) {
-    first->assign(nodes + 1, 0);
-    for (const Link& link : links) ++(*first)[link.from + 1];
-    for (uint32_t n = 0; n < nodes; ++n) (*first)[n + 1] += (*first)[n];
-    std::vector<uint32_t> order(links.size());
-    std::vector<uint32_t> next(first->begin(), first->end() - 1);
-    for (uint32_t i = 0; i < links.size(); ++i) order[next[links[i].from]++] = i;
-    return order;
+  // Grouped by node, keeping the order they were made in (units and vocabularies ascending);
+  // each link array freed once placed.
+  const auto from = [](const std::vector<Link>& links) {
+    return [&links](size_t i) { return links[i].from; };
   };
   std::vector<uint32_t> first_edge;
-  const std::vector<uint32_t> edge_order = group(edges, &first_edge);
-  edges_.reserve(edges.size());
-  for (uint32_t i : edge_order) edges_.push_back({static_cast<char16_t>(edges[i].payload), i + 1});
+  edges_.resize(edges.size());
+  PlaceByKey(edges.size(), nodes, from(edges), &first_edge, [&](uint32_t i, uint32_t position) {
+    edges_[position] = {static_cast<char16_t>(edges[i].payload), i + 1};
+  });
+  std::vector<Link>().swap(edges);
   std::vector<uint32_t> first_end;
-  const std::vector<uint32_t> end_order = group(ends, &first_end);
+  ends_.resize(ends.size());
+  PlaceByKey(ends.size(), nodes, from(ends), &first_end,
+             [&](uint32_t i, uint32_t position) { ends_[position] = ends[i].payload; });
+  std::vector<Link>().swap(ends);
   nodes_.reserve(first_edge.size());
   for (size_t n = 0; n < first_edge.size(); ++n) nodes_.push_back({first_edge[n], first_end[n]});
-  ends_.reserve(ends.size());
-  for (uint32_t i : end_order) ends_.push_back(ends[i].payload);
 }
 
 namespace {

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/placement.h"
 #include "base/records.h"
 #include "nlu/regex.h"
 
@@ -67,10 +68,8 @@ struct QueryTag {
 template <typename Place>
 void PlaceByVocabulary(const std::vector<QueryTag>& tags, size_t vocabs,
                        std::vector<uint32_t>* next, Place&& place) {
-  next->assign(vocabs + 1, 0);
-  for (const QueryTag& tag : tags) ++(*next)[tag.vocab + 1];
-  for (size_t v = 1; v < next->size(); ++v) (*next)[v] += (*next)[v - 1];
-  for (uint32_t i = 0; i < tags.size(); ++i) place(i, (*next)[tags[i].vocab]++);
+  PlaceByKey(
+      tags.size(), vocabs, [&](size_t i) { return tags[i].vocab; }, next, place);
 }
 
 // `tag` of `query` as a record of its own: the name of its vocabulary in `vocab_names`, its
