@@ -96,13 +96,15 @@ struct RegexParser::PreparedTags {
   };
 
   std::vector<QueryTag> tags;
-  std::vector<uint32_t> keys;             // per tag: its key index (see vocab_keys_)
-  std::vector<uint32_t> classes;          // per tag: equal tags share one; ascending in tag order
-  size_t count = 0;                       // combinations built
-  std::vector<Combination> combinations;  // as built, generation by generation
+  std::vector<uint32_t> keys;     // per tag: its key index (see vocab_keys_)
+  std::vector<uint32_t> classes;  // per tag: equal tags share one; ascending in tag order
+  size_t count = 0;               // combinations built
+  uint32_t roots = 0;             // one-tag combinations, which come first
+  // As built, generation by generation; in combination order within a generation, so that the
+  // order in which the exhaustive search finds two combinations of one length is the order here.
+  std::vector<Combination> combinations;
   // Per combination: the intents accepting every tag of it (intent_words_ words each).
   std::vector<uint64_t> intents;
-  std::vector<uint32_t> order;  // the combinations in combination order
 
   // Working space.
   struct SortKey {
@@ -113,7 +115,25 @@ struct RegexParser::PreparedTags {
   std::vector<uint32_t> vocab_next;
   std::vector<SortKey> sort_keys;
   std::vector<QueryTag> unsorted;
-  std::vector<std::pair<uint32_t, uint32_t>> pending;
+
+  // The combinations in combination order: each followed by its extensions' subtrees.
+  std::vector<uint32_t> Order() const {
+    std::vector<uint32_t> order;
+    std::vector<std::pair<uint32_t, uint32_t>> pending = {{0, roots}};  // sibling ranges to visit
+    while (!pending.empty()) {
+      std::pair<uint32_t, uint32_t>& siblings = pending.back();
+      if (siblings.first == siblings.second) {
+        pending.pop_back();
+        continue;
+      }
+      const uint32_t c = siblings.first++;
+      order.push_back(c);
+      if (combinations[c].first_child < combinations[c].end_child) {
+        pending.emplace_back(combinations[c].first_child, combinations[c].end_child);
+      }
+    }
+    return order;
+  }
 
   // The tags of combination `c`, in order, into `path`.
   void PathOf(uint32_t c, std::vector<uint32_t>* path) const {
@@ -237,26 +257,7 @@ void RegexParser::Prepare(std::u16string_view query, std::vector<QueryTag> tags,
     generation_end = count;
   }
   prepared->count = count;
-
-  // Combination order, by classes, a prefix first: each combination followed by its extensions'
-  // subtrees, which the generations made in order already.
-  uint32_t* order = AtLeast(&prepared->order, count);
-  uint32_t position = 0;
-  auto& pending = prepared->pending;  // sibling ranges to visit
-  pending.assign(1, {0, roots});
-  while (!pending.empty()) {
-    std::pair<uint32_t, uint32_t>& siblings = pending.back();
-    if (siblings.first == siblings.second) {
-      pending.pop_back();
-      continue;
-    }
-    const uint32_t c = siblings.first++;
-    order[position++] = c;
-    const PreparedTags::Combination& combination = combinations[c];
-    if (combination.first_child < combination.end_child) {
-      pending.emplace_back(combination.first_child, combination.end_child);
-    }
-  }
+  prepared->roots = roots;
 }
 
 void RegexParser::Rewrite(const std::u16string& query, const PreparedTags& tags,
@@ -380,9 +381,10 @@ void ForEachBit(const uint64_t* set, size_t words, Visit&& visit) {
   }
 }
 
-// A combination's place in rank order, as one number: its rank key, then its place in
-// combination order.
-using RankEntry = unsigned __int128;
+// A combination's place in rank order, as one number: the rank key of its covered units, then
+// its index (which orders combinations of equal cover by their tags, fewest first, then as the
+// exhaustive search finds them).
+using RankEntry = uint64_t;
 
 }  // namespace
 
@@ -424,8 +426,7 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
   // search below never reaches either. Until every intent's rules are compiled, whether one
   // has such a rule is not known: the intents a query may reach are compiled here.
   if (any_unconvertible_key_ || any_broken_rule_ || uncompiled_ > 0) {
-    for (uint32_t position = 0; position < prepared.count; ++position) {
-      const uint32_t c = prepared.order[position];
+    for (uint32_t c = 0; c < prepared.count; ++c) {
       ForEachBit(accepting + c * words, words, [&](size_t i) {
         if (any_unconvertible_key_) {
           prepared.PathOf(c, &matching.path);
@@ -474,21 +475,20 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
   // search usually stops after a few. A combination with no pair left gives no candidate.
   std::vector<RankEntry>& ranked = space.ranked;
   ranked.clear();
-  for (uint32_t position = 0; position < prepared.count; ++position) {
-    const uint32_t c = prepared.order[position];
+  for (uint32_t c = 0; c < prepared.count; ++c) {
     bool any_pair = false;
     for (size_t w = 0; w < words; ++w) any_pair = any_pair || pairs(c, w) != 0;
     if (!any_pair) continue;
     const PreparedTags::Combination& combination = prepared.combinations[c];
-    const CandidateScore score =
-        Ranker::Score(combination.slots, combination.total, static_cast<int32_t>(position));
-    ranked.push_back(RankEntry{Ranker::RankKey(score)} << 32 | position);
+    const uint64_t cover =
+        Ranker::RankKey(Ranker::Score(combination.slots, combination.total, 0)) >> 32;
+    ranked.push_back(cover << 32 | c);
   }
   const std::greater<RankEntry> after;
   std::make_heap(ranked.begin(), ranked.end(), after);
   while (!ranked.empty()) {
     std::pop_heap(ranked.begin(), ranked.end(), after);
-    const uint32_t c = prepared.order[static_cast<uint32_t>(ranked.back())];
+    const auto c = static_cast<uint32_t>(ranked.back());
     ranked.pop_back();
     for (size_t w = 0; w < words; ++w) {
       for (uint64_t bits = pairs(c, w); bits != 0; bits &= bits - 1) {
@@ -511,8 +511,9 @@ ParseTrace RegexParser::Explain(const std::u16string& query, std::vector<QueryTa
   }
   RegexSubject subject;
   std::vector<uint32_t> path;
-  for (size_t position = 0; position < prepared.count; ++position) {
-    const uint32_t c = prepared.order[position];
+  const std::vector<uint32_t> order = prepared.Order();
+  for (size_t position = 0; position < order.size(); ++position) {
+    const uint32_t c = order[position];
     ParseTrace::Combination& step = trace.combinations.emplace_back();
     prepared.PathOf(c, &path);
     step.tags.assign(path.begin(), path.end());
