@@ -103,8 +103,10 @@ struct RegexParser::PreparedTags {
   // As built, generation by generation; in combination order within a generation, so that the
   // order in which the exhaustive search finds two combinations of one length is the order here.
   std::vector<Combination> combinations;
-  // Per combination: the intents accepting every tag of it (intent_words_ words each).
+  // Per combination: the intents accepting every tag of it (intent_words_ words each); and the
+  // intents accepting some combination.
   std::vector<uint64_t> intents;
+  std::vector<uint64_t> reached;
 
   // Working space.
   struct SortKey {
@@ -210,6 +212,8 @@ void RegexParser::Prepare(std::u16string_view query, std::vector<QueryTag> tags,
   const size_t most = std::max<size_t>(n, max_combinations_) + n;
   PreparedTags::Combination* combinations = AtLeast(&prepared->combinations, most);
   uint64_t* intents = AtLeast(&prepared->intents, most * words);
+  std::vector<uint64_t>& reached = prepared->reached;
+  reached.assign(words, 0);
   uint32_t count = 0;
   auto add = [&](uint32_t parent, uint32_t t) {
     const uint64_t* accepting = &key_intents_[keys[t] * words];
@@ -217,14 +221,14 @@ void RegexParser::Prepare(std::u16string_view query, std::vector<QueryTag> tags,
     uint64_t* out = &intents[count * words];
     if (parent == kNone) {
       combinations[count++] = {kNone, t, 1, length, static_cast<uint32_t>(sorted[t].start), 0, 0};
-      for (size_t w = 0; w < words; ++w) out[w] = accepting[w];
+      for (size_t w = 0; w < words; ++w) reached[w] |= out[w] = accepting[w];
       return;
     }
     const PreparedTags::Combination& from = combinations[parent];
     combinations[count++] = {parent, t, from.slots + 1, from.total + length, from.first_start,
                              0,      0};
     const uint64_t* inherited = &intents[parent * words];
-    for (size_t w = 0; w < words; ++w) out[w] = inherited[w] & accepting[w];
+    for (size_t w = 0; w < words; ++w) reached[w] |= out[w] = inherited[w] & accepting[w];
   };
   for (uint32_t i = 0; i < n; ++i) {
     if (i == 0 || classes[i] != classes[i - 1]) add(kNone, i);
@@ -394,7 +398,6 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
     PreparedTags prepared;
     Matching matching;
     std::vector<uint64_t> live;
-    std::vector<uint64_t> reached;
     std::vector<RankEntry> ranked;
   };
   thread_local Space space;
@@ -449,11 +452,7 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
   const size_t length = query.size();
   std::vector<uint64_t>& live = space.live;
   live.assign((length + 1) * words, 0);
-  std::vector<uint64_t>& reached = space.reached;
-  reached.assign(words, 0);
-  for (size_t c = 0; c < prepared.count; ++c) {
-    for (size_t w = 0; w < words; ++w) reached[w] |= accepting[c * words + w];
-  }
+  const std::vector<uint64_t>& reached = prepared.reached;
   ForEachBit(reached.data(), words, [&](size_t i) {
     const Rules& rules = RulesOf(intents_[i]);
     const uint64_t bit = uint64_t{1} << (i % 64);
