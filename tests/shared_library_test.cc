@@ -45,12 +45,7 @@ class SharedLibraryTest : public testing::Test {
     ASSERT_TRUE(lib_.attach && lib_.init && lib_.build && lib_.process) << RULENLU_SHARED_LIBRARY;
   }
 
-  // "version|intent|text|key=value@start+length;..." of the answer to `query`.
-  std::string Ask(const std::string& query) const {
-    NluResult result{77, "stale", "stale", {NluSlot{"stale", "stale", 1, 2}}};
-    lib_.process(query, result);
-    return DumpResult(result);
-  }
+  std::string Ask(const std::string& query) const { return AskAndDump(lib_.process, query); }
 
   const Library& lib_ = Load();
 };
