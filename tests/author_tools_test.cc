@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -16,18 +15,10 @@ const std::string kCli = RULENLU_CLI_PATH;
 const std::string kRoot = RULENLU_SOURCE_DIR;
 const std::string kExample = kRoot + "/examples/collab.json";
 
-// Writes `content` to a new file in a scratch directory and returns its path.
-std::string WriteScratch(const std::string& name, const std::string& content) {
-  static const std::string dir = MakeTempDir("rulenlu-tools-");
-  const std::string path = dir + "/" + name;
-  std::ofstream(path, std::ios::binary) << content;
-  return path;
-}
-
+// The last line of `text`, "" when it has none.
 std::string LastLine(const std::string& text) {
-  const size_t end = text.empty() || text.back() != '\n' ? text.size() : text.size() - 1;
-  const size_t begin = text.rfind('\n', end == 0 ? 0 : end - 1);
-  return text.substr(begin == std::string::npos ? 0 : begin + 1, end - (begin + 1));
+  const std::vector<std::string> lines = SplitLines(text);
+  return lines.empty() ? "" : lines.back();
 }
 
 TEST(TestCommand, ReportsFailuresAndExitsByOutcome) {
@@ -103,12 +94,9 @@ struct CheckRun {
 CheckRun Check(const std::string& document) {
   const std::string path = WriteScratch("config.json", document);
   const ProcessResult result = RunProcess({kCli, "check", "--config", path});
-  CheckRun run{result.exit_code, {}};
-  for (size_t begin = 0, end; (end = result.out.find('\n', begin)) != std::string::npos;
-       begin = end + 1) {
-    std::string line = result.out.substr(begin, end - begin);
+  CheckRun run{result.exit_code, SplitLines(result.out)};
+  for (std::string& line : run.lines) {
     if (line.rfind(path + ":", 0) == 0) line.erase(0, path.size() + 1);
-    run.lines.push_back(line);
   }
   return run;
 }
@@ -235,15 +223,6 @@ TEST(CheckCommand, PassesTheExampleAndFailsWhatCannotBeRead) {
   EXPECT_EQ(missing.exit_code, 1);
   EXPECT_EQ(missing.out.rfind("/nonexistent/c.json: error: ", 0), 0u) << missing.out;
   EXPECT_EQ(RunProcess({kCli, "check"}).exit_code, 2);
-}
-
-std::vector<std::string> SplitLines(const std::string& text) {
-  std::vector<std::string> lines;
-  for (size_t begin = 0, end; (end = text.find('\n', begin)) != std::string::npos;
-       begin = end + 1) {
-    lines.push_back(text.substr(begin, end - begin));
-  }
-  return lines;
 }
 
 // For every query of the shared workload, explain's "result" is parse's line, and the candidate

@@ -137,11 +137,5 @@ TEST(ParseNluConfig, ReadsWhatHasTheRightTypeAndSkipsTheRest) {
   EXPECT_EQ(Parse(objects + "1" + std::string(1000000, '}')), "null");
 }
 
-TEST(ParseJsonDocument, TakesARootOfAnyType) {
-  rapidjson::Document doc;
-  EXPECT_TRUE(ParseJsonDocument("[1, 2]", &doc) && doc.IsArray());
-  EXPECT_TRUE(ParseJsonDocument(" \"s\" ", &doc) && doc.IsString());
-}
-
 }  // namespace
 }  // namespace rulenlu

@@ -57,7 +57,7 @@ TEST(SelectNluConfig, PrefersAParsingCachedCopyAndFallsBackToTheLocalFile) {
     EXPECT_EQ(log.out(), host.StorageLookupLog() + c.log);
     EXPECT_EQ(log.err(), "");
   }
-  EXPECT_EQ(host.kv->writes(), 0);
+  EXPECT_EQ(host.kv->writes, 0);
   holder.ResetForTesting();
   std::remove(path.c_str());
 }

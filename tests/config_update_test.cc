@@ -62,17 +62,17 @@ TEST_F(ConfigUpdateTest, CacheKeepsTheEntryAsItIs) {
   const std::string body("{\"version\":3}\0tail", 18);
   EXPECT_TRUE(WriteRemoteConfigCache(body));
   EXPECT_EQ(host_.kv->Read(kCacheKey), body);
-  host_.kv->set_refuse_writes(true);  // the store's refusal is passed on
+  host_.kv->refuse_writes = true;  // the store's refusal is passed on
   EXPECT_FALSE(WriteRemoteConfigCache("lost"));
   EXPECT_EQ(host_.kv->Read(kCacheKey), body);
   // Without the storage interface or the store, the reason is logged and nothing is touched.
   host_.storage_service->offered = false;
   EXPECT_FALSE(WriteRemoteConfigCache("new"));
   host_.storage_service->offered = true;
-  host_.storage->set_kv_missing(true);
+  host_.storage->kv_missing = true;
   EXPECT_EQ(ReadRemoteConfigCache(), "");
   EXPECT_FALSE(WriteRemoteConfigCache("new"));
-  EXPECT_EQ(host_.kv->writes(), 2);
+  EXPECT_EQ(host_.kv->writes, 2);
   // Every access looks the storage up afresh.
   const std::string lookup = host_.StorageLookupLog();
   EXPECT_EQ(capture.out(), lookup + lookup + lookup + lookup + lookup + "storage is null" + lookup +
@@ -123,7 +123,7 @@ TEST_F(ConfigUpdateTest, ResponseStoresTheBodyAsItCame) {
     host_.http->AnswerInSend(true, body);
     EXPECT_EQ(RunPass(1, kPublished),
               DownloadLog("U", "2") + "http request success." + host_.StorageLookupLog());
-    EXPECT_EQ(host_.kv->writes(), ++writes);
+    EXPECT_EQ(host_.kv->writes, ++writes);
     EXPECT_EQ(host_.kv->Read(kCacheKey), body);
   }
   // The library keeps neither the request nor the callback: the client's copies are the only ones.
@@ -139,19 +139,19 @@ TEST_F(ConfigUpdateTest, ResponseStoresTheBodyAsItCame) {
   EXPECT_EQ(capture.out(), "http request success." + host_.StorageLookupLog() +
                                "http request error. late failure");
   EXPECT_EQ(host_.kv->Read(kCacheKey), "{\"version\":2}");
-  EXPECT_EQ(host_.kv->writes(), ++writes);
+  EXPECT_EQ(host_.kv->writes, ++writes);
 }
 
 TEST_F(ConfigUpdateTest, BackgroundPassesSwallowFailuresAndAreWaitedFor) {
   LogCapture capture;
   // A failing client ends the pass where it threw, with what it threw logged.
-  host_.gray->set_throw_on_call(true);
+  host_.gray->throw_on_call = true;
   StartRemoteConfigUpdate(1);
   ASSERT_TRUE(WaitForRemoteConfigUpdates(std::chrono::seconds(30)));
   const std::string failed =
       PassLog("config update failed checking for a new configuration: gray service failed");
   EXPECT_EQ(capture.out(), failed);
-  host_.gray->set_throw_on_call(false);
+  host_.gray->throw_on_call = false;
   // Passes still running are waited for, however many were started.
   host_.gray->Set("wren", "loom_nlu_config", R"({"version":5,"url":"U"})");
   host_.gray->Hold(true);

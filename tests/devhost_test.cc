@@ -36,6 +36,12 @@ std::shared_ptr<T> Lookup(DevHost& host, const std::string& name) {
   return std::shared_ptr<T>(handle, static_cast<T*>(handle->Get()));
 }
 
+// The key-value store of the storage service of `host`.
+std::shared_ptr<cp::KvStorageInterface> Kv(DevHost& host) {
+  return Lookup<cp::StorageServiceInterface>(host, cp::StorageServiceInterface::kServiceName)
+      ->GetKvStorage();
+}
+
 // A request that is its own callback. `dump` gets "<OnSuccess|OnFailure> <status> [<body>]
 // <error>", and a note when the call comes while the host holds no copies of the request and
 // the callback.
@@ -68,7 +74,6 @@ struct Call final : cp::RequestInterface, cp::ResponseCallback, std::enable_shar
 class DevHostTest : public testing::Test {
  protected:
   void SetUp() override {
-    BypassProxies();
     dir_ = MakeTempDir("devhost_");
     ASSERT_NE(dir_, "");
     host_ = std::make_unique<DevHost>(dir_);
@@ -78,11 +83,8 @@ class DevHostTest : public testing::Test {
       for (int i = 0; i < 20000 && !open_; ++i) std::this_thread::sleep_for(1ms);
       res.body = "late";
     });
-    base_ = "http://127.0.0.1:" + std::to_string(server_.bind_to_any_port("127.0.0.1"));
-    listener_ = std::thread([this] { server_.listen_after_bind(); });
-    // stop() is lost on a server that is not running yet.
-    for (int i = 0; i < 20000 && !server_.is_running(); ++i) std::this_thread::sleep_for(1ms);
-    ASSERT_TRUE(server_.is_running());
+    base_ = ServeOnLoopback(server_, listener_);
+    ASSERT_NE(base_, "");
   }
   void TearDown() override {
     open_ = true;
@@ -121,9 +123,7 @@ TEST_F(DevHostTest, KeyValuesAreWholeRawFilesUnderDistinctNames) {
       {"A-z_0.9", "A-z_0.9"}, {"...", "..."},         {".", "%2E"},         {"..", "%2E%2E"},
       {"a/b", "a%2Fb"},       {"a%2Fb", "a%252Fb"},   {"../up", "..%2Fup"}, {"x y", "x%20y"},
       {"~t", "%7Et"},         {"\xC3\xBC", "%C3%BC"}, {"n\0l"s, "n%00l"}};
-  const auto kv =
-      Lookup<cp::StorageServiceInterface>(*host_, cp::StorageServiceInterface::kServiceName)
-          ->GetKvStorage();
+  const auto kv = Kv(*host_);
   for (const auto& [key, file] : cases) {
     ASSERT_TRUE(kv->Write(key, key + "\0\xFF\r\n"s)) << file;
     EXPECT_EQ(ReadFileBytes(Path("kv/" + file)), key + "\0\xFF\r\n"s);
@@ -170,17 +170,13 @@ TEST_F(DevHostTest, OpeningTheStoreRemovesTemporariesOfInterruptedWrites) {
     if (stays) expected.push_back(name);
   }
   EXPECT_THAT(left, testing::UnorderedElementsAreArray(expected));
-  const auto kv =
-      Lookup<cp::StorageServiceInterface>(*host_, cp::StorageServiceInterface::kServiceName)
-          ->GetKvStorage();
+  const auto kv = Kv(*host_);
   EXPECT_EQ(kv->Read("~t"), "%7Et");
   EXPECT_EQ(log.err(), "");
 }
 
 TEST_F(DevHostTest, StoreLogsItsOwnFailuresOnStderr) {
-  const auto kv =
-      Lookup<cp::StorageServiceInterface>(*host_, cp::StorageServiceInterface::kServiceName)
-          ->GetKvStorage();
+  const auto kv = Kv(*host_);
   std::ofstream(Path("plain")) << "not a directory";
   fs::create_directories(Path("kv/dir"));
   LogCapture log;
@@ -190,9 +186,7 @@ TEST_F(DevHostTest, StoreLogsItsOwnFailuresOnStderr) {
   EXPECT_FALSE(kv->Write("dir", "x"));
   // A host whose state directory is a file cannot list, create or read its store.
   DevHost broken(Path("plain"));
-  const auto broken_kv =
-      Lookup<cp::StorageServiceInterface>(broken, cp::StorageServiceInterface::kServiceName)
-          ->GetKvStorage();
+  const auto broken_kv = Kv(broken);
   EXPECT_FALSE(broken_kv->Write("k", "v"));
   EXPECT_THAT(log.err(),
               testing::MatchesRegex("devhost: cannot read .*/kv/dir: Is a directory\n"

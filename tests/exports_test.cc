@@ -54,13 +54,7 @@ testing::Matcher<const std::string&> WithReason(const std::string& head, const s
                         testing::SizeIs(testing::Gt(head.size() + tail.size())));
 }
 
-// "version|intent|text|key=value@start+length;..." of the exported Process's answer to `query`,
-// given a record full of stale content so that every field it leaves behind shows.
-std::string Ask(const std::string& query) {
-  NluResult result{77, "stale", "stale", {NluSlot{"stale", "stale", 1, 2}}};
-  ::Process(query, result);
-  return DumpResult(result);
-}
+std::string Ask(const std::string& query) { return AskAndDump(::Process, query); }
 
 // Every test starts with no manager attached and a local file of version 9 with Tom and Anna.
 // The current engine persists between tests, so each test builds its own before asking.

@@ -80,16 +80,14 @@ class FakeServiceManager final : public cp::ServiceManagerInterface {
     const auto service = services_.find(name);
     return service == services_.end() ? nullptr : service->second;
   }
-  uint32_t AddRef() override { return static_cast<uint32_t>(++add_refs_ - releases_); }
-  uint32_t Release() override { return static_cast<uint32_t>(add_refs_ - ++releases_); }
+  uint32_t AddRef() override { return static_cast<uint32_t>(++add_refs - releases); }
+  uint32_t Release() override { return static_cast<uint32_t>(add_refs - ++releases); }
 
-  int add_refs() const { return add_refs_; }
-  int releases() const { return releases_; }
+  std::atomic<int> add_refs{0};
+  std::atomic<int> releases{0};
 
  private:
   const std::map<std::string, std::shared_ptr<cp::ServiceInterface>> services_;
-  std::atomic<int> add_refs_{0};
-  std::atomic<int> releases_{0};
 };
 
 // The storage service and its key-value store in one: a map that counts writes and can refuse
@@ -99,7 +97,7 @@ class FakeStorage final : public cp::StorageServiceInterface,
                           public std::enable_shared_from_this<FakeStorage> {
  public:
   std::shared_ptr<cp::KvStorageInterface> GetKvStorage() override {
-    return kv_missing_ ? nullptr : shared_from_this();
+    return kv_missing ? nullptr : shared_from_this();
   }
   std::string Read(const std::string& key) override {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -108,8 +106,8 @@ class FakeStorage final : public cp::StorageServiceInterface,
   }
   bool Write(const std::string& key, const std::string& value) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    ++writes_;
-    if (refuse_writes_) return false;
+    ++writes;
+    if (refuse_writes) return false;
     entries_[key] = value;
     return true;
   }
@@ -118,16 +116,14 @@ class FakeStorage final : public cp::StorageServiceInterface,
     std::lock_guard<std::mutex> lock(mutex_);
     entries_[key] = value;
   }
-  void set_kv_missing(bool missing) { kv_missing_ = missing; }
-  void set_refuse_writes(bool refuse) { refuse_writes_ = refuse; }
-  int writes() const { return writes_; }
+
+  std::atomic<bool> kv_missing{false};
+  std::atomic<bool> refuse_writes{false};
+  std::atomic<int> writes{0};  // every Write, refused or not
 
  private:
   std::mutex mutex_;
   std::map<std::string, std::string> entries_;
-  std::atomic<bool> kv_missing_{false};
-  std::atomic<bool> refuse_writes_{false};
-  std::atomic<int> writes_{0};
 };
 
 // The gray-release service: values by (namespace, key). It can be made to throw, or to hold
@@ -141,14 +137,13 @@ class FakeGrayService final : public cp::GrayServiceInterface {
   std::string GetValue(const std::string& name_space, const std::string& key,
                        const std::string& default_value) override {
     std::unique_lock<std::mutex> lock(mutex_);
-    ++calls_;
+    ++calls;
     changed_.notify_all();
     changed_.wait(lock, [this] { return !holding_; });
-    if (throw_on_call_) throw std::runtime_error("gray service failed");
+    if (throw_on_call) throw std::runtime_error("gray service failed");
     const auto value = values_.find({name_space, key});
     return value == values_.end() ? default_value : value->second;
   }
-  void set_throw_on_call(bool throw_on_call) { throw_on_call_ = throw_on_call; }
   // While held, GetValue blocks.
   void Hold(bool hold) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -158,16 +153,16 @@ class FakeGrayService final : public cp::GrayServiceInterface {
   // Waits until GetValue has been entered `count` times in all; false when that takes a minute.
   bool WaitForCalls(int count) {
     std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::minutes(1), [&] { return calls_ >= count; });
+    return changed_.wait_for(lock, std::chrono::minutes(1), [&] { return calls >= count; });
   }
-  int calls() const { return calls_; }
+
+  std::atomic<bool> throw_on_call{false};
+  std::atomic<int> calls{0};  // GetValue entered
 
  private:
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   std::map<std::pair<std::string, std::string>, std::string> values_;
-  std::atomic<bool> throw_on_call_{false};
-  std::atomic<int> calls_{0};
   bool holding_ = false;
 };
 

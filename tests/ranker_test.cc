@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/text.h"
+#include "tag_dump.h"
 
 namespace rulenlu {
 namespace {
@@ -22,13 +23,8 @@ IntentCandidate Cand(const std::string& intent, const std::vector<int32_t>& leng
 
 // Every field of a candidate.
 std::string Dump(const IntentCandidate& candidate) {
-  std::string out = std::to_string(candidate.version) + " " + candidate.intent + " " +
-                    Utf16ToUtf8(candidate.text);
-  for (const SlotMatch& slot : candidate.slots) {
-    out += " " + slot.key + "=" + Utf16ToUtf8(slot.value) + "@" + std::to_string(slot.start) + "+" +
-           std::to_string(slot.length);
-  }
-  return out;
+  return std::to_string(candidate.version) + " " + candidate.intent + " " +
+         Utf16ToUtf8(candidate.text) + " " + DumpTags(candidate.slots);
 }
 
 std::string Winner(const std::vector<IntentCandidate>& candidates,
@@ -37,7 +33,7 @@ std::string Winner(const std::vector<IntentCandidate>& candidates,
 }
 
 TEST(Ranker, PrefersMostUnitsThenFewestSlotsThenTheEarliest) {
-  EXPECT_EQ(Winner({}, u"hello \u4F1A"), "0 unknown hello \xE4\xBC\x9A");
+  EXPECT_EQ(Winner({}, u"hello \u4F1A"), "0 unknown hello \xE4\xBC\x9A ");
   constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
   // Candidates, and the position of the one that wins, returned as it is. Overlapping slots count
   // in full; the sum wraps around in 32 bits, so kMax + 1 is the least and kMax + kMax + 2 ties

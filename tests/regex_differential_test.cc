@@ -8,8 +8,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <locale>
 #include <memory>
+#include <optional>
 #include <random>
 #include <regex>
 #include <string>
@@ -17,6 +17,7 @@
 
 #include "nlu/regex.h"
 #include "nlu/regex_translate.h"
+#include "regex_reference.h"
 
 namespace rulenlu {
 namespace {
@@ -99,55 +100,24 @@ class PatternMaker {
   }
 
   std::u16string Assertion(int depth, int loops) {
-    switch (Pick(ecma_ ? 6 : 2)) {
-      case 0:
-        return u"^";
-      case 1:
-        return u"$";
-      case 2:
-        return u"\\b";
-      case 3:
-        return u"\\B";
-      default:
-        if (depth <= 0) return u"\\b";
-        return (Chance(50) ? u"(?=" : u"(?!") + Disjunction(depth - 1, loops) + u")";
-    }
+    static const char16_t* const kAnchors[] = {u"^", u"$", u"\\b", u"\\B"};
+    const size_t kind = Pick(ecma_ ? 6 : 2);
+    if (kind < 4) return kAnchors[kind];
+    if (depth <= 0) return u"\\b";
+    return (Chance(50) ? u"(?=" : u"(?!") + Disjunction(depth - 1, loops) + u")";
   }
 
   std::u16string Quantifier(bool small) {
     small_ = small;
-    std::u16string out;
-    switch (Pick(8)) {
-      case 0:
-        out = u"*";
-        break;
-      case 1:
-        out = u"+";
-        break;
-      case 2:
-        out = u"?";
-        break;
-      case 3:
-        out = u"{" + Number() + u"}";
-        break;
-      case 4:
-        out = u"{" + Number() + u",}";
-        break;
-      case 5:
-        out = u"{" + Number() + u"," + Number() + u"}";
-        break;
-      case 6:
-        if (Chance(30)) {
-          out =
-              From<const char16_t*>({u"{", u"{,2}", u"{1", u"{x}", u"{1,2,3}", u"{ 1}", u"{2,1}"});
-          break;
-        }
-        [[fallthrough]];
-      default:
-        out = From<const char16_t*>({u"*", u"+", u"?"});
-        break;
+    const size_t kind = Pick(8);
+    if (kind < 3) return std::u16string(1, u"*+?"[kind]);
+    if (kind == 3) return u"{" + Number() + u"}";
+    if (kind == 4) return u"{" + Number() + u",}";
+    if (kind == 5) return u"{" + Number() + u"," + Number() + u"}";
+    if (kind == 6 && Chance(30)) {
+      return From<const char16_t*>({u"{", u"{,2}", u"{1", u"{x}", u"{1,2,3}", u"{ 1}", u"{2,1}"});
     }
-    return out;
+    return From<const char16_t*>({u"*", u"+", u"?"});
   }
 
   std::u16string Number() {
@@ -162,34 +132,18 @@ class PatternMaker {
   }
 
   std::u16string Atom(int depth, int loops) {
-    switch (Pick(depth > 0 ? 12 : 9)) {
-      case 0:
-      case 1:
-        return Literal();
-      case 2:
-        return u".";
-      case 3:
-        return Escape();
-      case 4:
-      case 5:
-        return Bracket();
-      case 6:
-        return From<const char16_t*>({u"]", u"}", u"a", u"b"});
-      case 7:
-        if (ecma_ && groups_ > 0 && Chance(60)) {
-          return u"\\" + std::u16string(1, static_cast<char16_t>(u'1' + Pick(groups_)));
-        }
-        return Literal();
-      case 8:
-        return Literal();
-      case 9:
-        if (ecma_ && Chance(30)) return u"(?:" + Disjunction(depth - 1, loops) + u")";
-        [[fallthrough]];
-      default: {
-        ++groups_;
-        return u"(" + Disjunction(depth - 1, loops) + u")";
-      }
+    const size_t kind = Pick(depth > 0 ? 12 : 9);
+    if (kind == 2) return u".";
+    if (kind == 3) return Escape();
+    if (kind == 4 || kind == 5) return Bracket();
+    if (kind == 6) return From<const char16_t*>({u"]", u"}", u"a", u"b"});
+    if (kind == 7 && ecma_ && groups_ > 0 && Chance(60)) {
+      return u"\\" + std::u16string(1, static_cast<char16_t>(u'1' + Pick(groups_)));
     }
+    if (kind < 9) return Literal();
+    if (kind == 9 && ecma_ && Chance(30)) return u"(?:" + Disjunction(depth - 1, loops) + u")";
+    ++groups_;
+    return u"(" + Disjunction(depth - 1, loops) + u")";
   }
 
   std::u16string Literal() {
@@ -272,27 +226,13 @@ void Compare(const std::u16string& pattern, RegexGrammar grammar,
   ++tally->patterns;
   const std::string shown = (grammar == E ? "E /" : "P /") + Printable(pattern) + "/";
   if (std::getenv("RULENLU_REGEX_TRACE") != nullptr) std::fprintf(stderr, "%s\n", shown.c_str());
-  std::wregex reference;
-  bool reference_ok = true;
-  try {
-    reference.imbue(std::locale::classic());
-    reference.assign(
-        std::wstring(pattern.begin(), pattern.end()),
-        grammar == E ? std::regex_constants::ECMAScript : std::regex_constants::extended);
-  } catch (const std::regex_error&) {
-    reference_ok = false;
-  }
-  std::unique_ptr<Regex> ours;
+  const std::optional<std::wregex> reference = StandardRegex(pattern, grammar);
   std::string reason;
-  try {
-    ours = std::make_unique<Regex>(pattern, grammar);
-  } catch (const RegexError& e) {
-    reason = e.what();
-  }
+  const std::unique_ptr<Regex> ours = OurRegex(pattern, grammar, &reason);
   auto fail = [&](const std::string& what) {
     if (++tally->failures <= 30) ADD_FAILURE() << shown << ": " << what;
   };
-  if (!reference_ok) {
+  if (!reference) {
     if (ours != nullptr) fail("compiles, but std::wregex rejects it");
     ++tally->rejected_by_both;
     return;
@@ -325,7 +265,7 @@ void Compare(const std::u16string& pattern, RegexGrammar grammar,
     try {
       RegexFinder::Starts starts;
       if (finder != nullptr) finder->Scan(subject, &starts);
-      const bool whole = std::regex_match(wide, reference);
+      const bool whole = std::regex_match(wide, *reference);
       if (ours->FullMatch(subject) != whole) {
         fail(std::string("whole match ") + (whole ? "missed" : "found") + where);
       }
@@ -340,7 +280,7 @@ void Compare(const std::u16string& pattern, RegexGrammar grammar,
         ++tally->searches;
         std::wsmatch found;
         const bool hit = std::regex_search(wide.begin() + static_cast<std::ptrdiff_t>(from),
-                                           wide.end(), found, reference,
+                                           wide.end(), found, *reference,
                                            from > 0 ? std::regex_constants::match_prev_avail
                                                     : std::regex_constants::match_default);
         const std::string expected =
@@ -384,7 +324,7 @@ void Compare(const std::u16string& pattern, RegexGrammar grammar,
           if (last != wide.end()) flags |= std::regex_constants::match_not_eol;
           if (match.start == static_cast<size_t>(found[0].first - wide.begin()) &&
               match.length > static_cast<size_t>(found[0].length()) &&
-              std::regex_match(first, last, reference, flags)) {
+              std::regex_match(first, last, *reference, flags)) {
             ++tally->longer_posix_searches;
             continue;
           }

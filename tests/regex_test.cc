@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/text.h"
+#include "regex_reference.h"
 
 namespace rulenlu {
 namespace {
@@ -106,54 +107,29 @@ TEST(Regex, SearchesAndMatches) {
 // The standard library counts the states of the automaton it builds; a pattern over its limit
 // does not compile. The boundary is found by the standard library itself.
 TEST(Regex, RejectsExactlyThePatternsTooLargeForTheStandardLibrary) {
-  auto standard_accepts = [](const std::u16string& pattern, RegexGrammar grammar) {
-    try {
-      std::wregex regex;
-      regex.imbue(std::locale::classic());
-      regex.assign(std::wstring(pattern.begin(), pattern.end()),
-                   grammar == E ? std::regex::ECMAScript : std::regex::extended);
-      return true;
-    } catch (const std::regex_error&) {
-      return false;
-    }
-  };
-  auto ours_accepts = [](const std::u16string& pattern, RegexGrammar grammar) {
-    try {
-      Regex regex(pattern, grammar);
-      return true;
-    } catch (const RegexError&) {
-      return false;
-    }
-  };
   const std::pair<std::u16string, std::u16string> shapes[] = {
       {u"a{", u"}"},          {u"a{1,", u"}"},   {u"(ab){", u"}"},
       {u"x(?:a|bc){", u",}"}, {u"[ab]{", u"}?"}, {u"(a{2}){", u"}b"}};
   for (const auto& [head, tail] : shapes) {
     for (const auto grammar : {E, P}) {
       if (grammar == P && head.find(u"(?:") != std::u16string::npos) continue;
+      const auto with_count = [&](uint64_t count) {
+        return head + Utf8ToUtf16(std::to_string(count)) + tail;
+      };
       // Find the largest accepted count by bisection, then compare around it.
       uint64_t low = 0, high = 200000;
       while (low + 1 < high) {
         const uint64_t middle = (low + high) / 2;
-        (standard_accepts(head + Utf8ToUtf16(std::to_string(middle)) + tail, grammar) ? low
-                                                                                      : high) =
-            middle;
+        (StandardRegex(with_count(middle), grammar) ? low : high) = middle;
       }
       ASSERT_GT(low, 100u) << Utf16ToUtf8(head);
       for (uint64_t count = low - 1; count <= low + 2; ++count) {
-        const std::u16string pattern = head + Utf8ToUtf16(std::to_string(count)) + tail;
-        const bool standard = standard_accepts(pattern, grammar);
-        bool ours = ours_accepts(pattern, grammar);
-        if (!ours && standard) {
-          // Accepted by the standard library but too large for PCRE2: documented.
-          try {
-            Regex regex(pattern, grammar);
-          } catch (const RegexError& e) {
-            EXPECT_EQ(std::string(e.what()).rfind("not supported", 0), 0u) << e.what();
-            ours = true;
-          }
-        }
-        EXPECT_EQ(ours, standard) << Utf16ToUtf8(pattern);
+        const bool standard = StandardRegex(with_count(count), grammar).has_value();
+        std::string error;
+        const bool ours = OurRegex(with_count(count), grammar, &error) != nullptr;
+        // Accepted by the standard library but too large for PCRE2: documented.
+        EXPECT_EQ(ours || (standard && error.rfind("not supported", 0) == 0), standard)
+            << Utf16ToUtf8(with_count(count)) << " " << error;
       }
     }
   }
@@ -234,24 +210,13 @@ TEST(Regex, ReadsNumbersAsTheStandardLibrary) {
     for (const char16_t* n : {u"", u",", u",1", u",2", u",4294967297"}) {
       for (const std::u16string& pattern :
            {u"a{" + std::u16string(m) + n + u"}", u"(a)\\" + std::u16string(m)}) {
-        std::wregex standard;
-        standard.imbue(std::locale::classic());
-        bool standard_ok = true;
-        try {
-          standard.assign(std::wstring(pattern.begin(), pattern.end()), std::regex::ECMAScript);
-        } catch (const std::regex_error&) {
-          standard_ok = false;
-        }
-        std::unique_ptr<Regex> ours;
-        try {
-          ours = std::make_unique<Regex>(pattern, E);
-        } catch (const RegexError&) {
-        }
-        ASSERT_EQ(ours != nullptr, standard_ok) << Utf16ToUtf8(pattern);
-        if (!standard_ok) continue;
+        const std::optional<std::wregex> standard = StandardRegex(pattern, E);
+        const std::unique_ptr<Regex> ours = OurRegex(pattern, E);
+        ASSERT_EQ(ours != nullptr, standard.has_value()) << Utf16ToUtf8(pattern);
+        if (!standard) continue;
         for (const std::u16string& text : texts) {
           EXPECT_EQ(ours->FullMatch(RegexSubject(text)),
-                    std::regex_match(std::wstring(text.begin(), text.end()), standard))
+                    std::regex_match(std::wstring(text.begin(), text.end()), *standard))
               << Utf16ToUtf8(pattern) << " on " << Utf16ToUtf8(text);
         }
       }
@@ -287,15 +252,10 @@ TEST(Regex, SetMatchesLikeItsRulesInOrder) {
   ASSERT_EQ(set.size(), rules.size());
   std::vector<std::unique_ptr<Regex>> single;
   for (size_t i = 0; i < rules.size(); ++i) {
-    try {
-      single.push_back(std::make_unique<Regex>(rules[i], P));
-      EXPECT_TRUE(set.compiled(i)) << i;
-      EXPECT_EQ(set.error(i), "");
-    } catch (const RegexError& e) {
-      single.push_back(nullptr);
-      EXPECT_FALSE(set.compiled(i)) << i;
-      EXPECT_EQ(set.error(i), e.what());
-    }
+    std::string error;
+    single.push_back(OurRegex(rules[i], P, &error));
+    EXPECT_EQ(set.compiled(i), single.back() != nullptr) << i;
+    EXPECT_EQ(set.error(i), error);
   }
   EXPECT_FALSE(set.compiled(1));  // \d is no POSIX escape
   EXPECT_FALSE(set.compiled(5));
@@ -354,13 +314,10 @@ TEST(Regex, SetAnswersRulesTooLargeToShareAnExpression) {
 // At the matcher's limit on the size of one expression, a rule of a set compiles exactly when a
 // Regex of its own does, for the same reason.
 TEST(Regex, SetRuleCompilesAsARegexAtTheSizeLimit) {
-  auto regex_error = [](const std::u16string& pattern) -> std::string {
-    try {
-      Regex regex(pattern, P);
-      return "";
-    } catch (const RegexError& e) {
-      return e.what();
-    }
+  auto regex_error = [](const std::u16string& pattern) {
+    std::string error;
+    OurRegex(pattern, P, &error);
+    return error;
   };
   auto repeat = [](uint64_t count) {
     return u"(ab|cd){" + Utf8ToUtf16(std::to_string(count)) + u"}";
@@ -395,13 +352,7 @@ TEST(Regex, FinderTellsWhereEachSearchBegins) {
   for (int i = 0; i < 70; ++i) patterns.push_back(u"x" + Utf8ToUtf16(std::to_string(i)) + u"\\b");
   const RegexFinder finder(patterns);
   std::vector<std::unique_ptr<Regex>> single;
-  for (const std::u16string& pattern : patterns) {
-    try {
-      single.push_back(std::make_unique<Regex>(pattern, E));
-    } catch (const RegexError&) {
-      single.push_back(nullptr);
-    }
-  }
+  for (const std::u16string& pattern : patterns) single.push_back(OurRegex(pattern, E));
   const std::u16string texts[] = {
       u"",         u"a b", u"ab",    u"cc dd", u"ef 12",
       u"eef1 eef", u"xg",  u"gx",    u"j",     u"aaaaaaaaaaaaaaaaaaaaaaaaak",

@@ -16,4 +16,13 @@ inline std::string DumpResult(const NluResult& result) {
   return out;
 }
 
+// DumpResult of what `process` answers to `query` in a record full of stale content, so that
+// every field it leaves behind shows.
+template <typename ProcessFunction>
+std::string AskAndDump(ProcessFunction process, const std::string& query) {
+  NluResult result{77, "stale", "stale", {NluSlot{"stale", "stale", 1, 2}}};
+  process(query, result);
+  return DumpResult(result);
+}
+
 #endif  // RULENLU_TESTS_RESULT_DUMP_H_

@@ -47,8 +47,8 @@ TEST_F(ServiceManagerTest, FirstManagerIsKeptWithOneReferenceAndServesEveryLooku
   // Neither another manager nor the same one again is taken, and neither gets a reference.
   EXPECT_FALSE(Holder().Attach(&host_.manager));
   EXPECT_FALSE(Holder().Attach(&empty));
-  EXPECT_EQ(host_.manager.add_refs(), 0);
-  EXPECT_EQ(empty.add_refs(), 1);
+  EXPECT_EQ(host_.manager.add_refs, 0);
+  EXPECT_EQ(empty.add_refs, 1);
   // Once the holder lets go, another manager can be attached.
   Holder().ResetForTesting();
   ASSERT_TRUE(Holder().Attach(&host_.manager));
@@ -69,8 +69,8 @@ TEST_F(ServiceManagerTest, FirstManagerIsKeptWithOneReferenceAndServesEveryLooku
     EXPECT_EQ(host_.storage.use_count(), owners + 2);
   }
   EXPECT_EQ(host_.storage.use_count(), owners);
-  EXPECT_EQ(host_.manager.add_refs(), 1);
-  EXPECT_EQ(host_.manager.releases(), 0);
+  EXPECT_EQ(host_.manager.add_refs, 1);
+  EXPECT_EQ(host_.manager.releases, 0);
 }
 
 // A manager that looks at the holder from every call: it would deadlock if the library called it
@@ -108,12 +108,12 @@ TEST_F(ServiceManagerTest, ConcurrentAttachesBalanceTheirReferences) {
   for (std::thread& thread : threads) thread.join();
   // Every successful attach took one reference; all but the one kept were given back.
   int add_refs = 0, releases = 0;
-  for (const auto& manager : managers) add_refs += manager.add_refs();
-  for (const auto& manager : managers) releases += manager.releases();
+  for (const auto& manager : managers) add_refs += manager.add_refs;
+  for (const auto& manager : managers) releases += manager.releases;
   EXPECT_EQ(add_refs, attached.load());
   EXPECT_EQ(releases, attached.load() - 1);
   Holder().ResetForTesting();
-  for (const auto& manager : managers) EXPECT_EQ(manager.releases(), manager.add_refs());
+  for (const auto& manager : managers) EXPECT_EQ(manager.releases, manager.add_refs);
 }
 
 }  // namespace

@@ -45,12 +45,7 @@ class SharedLibraryTest : public testing::Test {
     ASSERT_TRUE(lib_.attach && lib_.init && lib_.build && lib_.process) << RULENLU_SHARED_LIBRARY;
   }
 
-  // "version|intent|text|key=value@start+length;..." of the answer to `query`.
-  std::string Ask(const std::string& query) const {
-    NluResult result{77, "stale", "stale", {NluSlot{"stale", "stale", 1, 2}}};
-    lib_.process(query, result);
-    return DumpResult(result);
-  }
+  std::string Ask(const std::string& query) const { return AskAndDump(lib_.process, query); }
 
   const Library& lib_ = Load();
 };
@@ -94,8 +89,8 @@ TEST_F(SharedLibraryTest, TheFirstClientFeedsInitEngin) {
   EXPECT_FALSE(lib_.attach(nullptr));
   EXPECT_TRUE(lib_.attach(&host->manager));
   EXPECT_FALSE(lib_.attach(&other));
-  EXPECT_EQ(host->manager.add_refs(), 1);
-  EXPECT_EQ(other.add_refs(), 0);
+  EXPECT_EQ(host->manager.add_refs, 1);
+  EXPECT_EQ(other.add_refs, 0);
 
   // The cached copy comes through the client's storage; the update pass then asks its
   // gray-release service, on a thread of its own.
@@ -104,7 +99,7 @@ TEST_F(SharedLibraryTest, TheFirstClientFeedsInitEngin) {
   lib_.init((testing::TempDir() + "shared_library_no_such_file.json").c_str());
   EXPECT_EQ(Ask("call Tom"), "7|call|call Tom|contact=Tom@5+3;");
   EXPECT_TRUE(host->gray->WaitForCalls(1));
-  EXPECT_EQ(host->gray->calls(), 1);
+  EXPECT_EQ(host->gray->calls, 1);
 }
 
 }  // namespace

@@ -31,6 +31,24 @@ inline std::string ReadFileBytes(const std::string& path) {
   return content.str();
 }
 
+// Writes `content` to the file `name` of this program's scratch directory; returns its path.
+inline std::string WriteScratch(const std::string& name, const std::string& content) {
+  static const std::string dir = MakeTempDir("rulenlu-scratch-");
+  const std::string path = dir + "/" + name;
+  std::ofstream(path, std::ios::binary) << content;
+  return path;
+}
+
+// The lines of `text` without their line ends; an unfinished last line is left out.
+inline std::vector<std::string> SplitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  for (size_t begin = 0, end; (end = text.find('\n', begin)) != std::string::npos;
+       begin = end + 1) {
+    lines.push_back(text.substr(begin, end - begin));
+  }
+  return lines;
+}
+
 // Runs `argv` (argv[0] is the program's path) with `input` on its standard input.
 inline ProcessResult RunProcess(const std::vector<std::string>& argv,
                                 const std::string& input = "") {

@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 namespace rulenlu {
 
@@ -22,6 +24,21 @@ inline void BypassProxies() {
        {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
     unsetenv(name);
   }
+}
+
+// Serves `server` (an httplib::Server) on a free loopback port from `thread`, proxies bypassed.
+// Returns its base URL, or "" when it does not start.
+template <typename Server>
+std::string ServeOnLoopback(Server& server, std::thread& thread) {
+  BypassProxies();
+  const int port = server.bind_to_any_port("127.0.0.1");
+  if (port <= 0) return "";
+  thread = std::thread([&server] { server.listen_after_bind(); });
+  // stop() is lost on a server that is not running yet.
+  for (int i = 0; i < 20000 && !server.is_running(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return server.is_running() ? "http://127.0.0.1:" + std::to_string(port) : "";
 }
 
 }  // namespace rulenlu

@@ -7,8 +7,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <thread>
-#include <vector>
 
 #include "base/error.h"
 
@@ -59,21 +57,6 @@ TEST(Utf8ToUtf16, RoundTripsEveryScalarValue) {
     const std::u16string one = cp < 0x10000 ? std::u16string(1, cp) : std::u16string({high, low});
     ASSERT_EQ(Utf8ToUtf16(Utf16ToUtf8(one)), one) << "code point " << static_cast<uint32_t>(cp);
   }
-}
-
-TEST(Utf8ToUtf16, ConvertsFromManyThreadsAtOnce) {
-  const std::string text = "r\xC3\xA9union \xF0\x9F\x93\x85 demain";
-  const std::u16string expected = u"r\u00E9union \U0001F4C5 demain";
-  std::vector<int> mismatches(8, 0);
-  std::vector<std::thread> threads;
-  for (int& count : mismatches) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 2000; ++i)
-        count += Utf8ToUtf16(text) != expected || Utf16ToUtf8(expected) != text;
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(mismatches, std::vector<int>(8, 0));
 }
 
 }  // namespace

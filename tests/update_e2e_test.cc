@@ -19,12 +19,11 @@ namespace rulenlu {
 namespace {
 
 // A contact vocabulary and a rule to call one; `contacts` is a JSON array of names.
-std::string ConfigDocument(int version, const std::string& contacts,
-                           const std::string& number_pattern) {
+std::string ConfigDocument(int version, const std::string& contacts) {
   return "{\"version\": " + std::to_string(version) +
          ",\r\n \"vocabMap\": {\"contact\": " + contacts +
-         "},\r\n \"regexVocabMap\": {\"number\": [\"" + number_pattern +
-         "\"]},\r\n \"intentMap\": {\"call\": {\"name\": \"call\", \"regexRules\": "
+         "},\r\n \"regexVocabMap\": {\"number\": [\"[0-9]+\"]},\r\n \"intentMap\": {\"call\": "
+         "{\"name\": \"call\", \"regexRules\": "
          "[\"call <contact>\", \"dial <number>\"], \"slots\": [{\"name\": \"who\", \"tag\": "
          "\"contact\"}, {\"name\": \"num\", \"tag\": \"number\"}]}}}\n";
 }
@@ -56,22 +55,15 @@ std::string CallAnswer(int version, const std::string& contact, bool known) {
 class UpdateEndToEndTest : public testing::Test {
  protected:
   void SetUp() override {
-    BypassProxies();
     dir_ = MakeTempDir("update_e2e_");
     ASSERT_NE(dir_, "");
-    std::ofstream(dir_ + "/v1.json") << ConfigDocument(1, R"(["Alice"])", "[0-9]+");
+    std::ofstream(dir_ + "/v1.json") << ConfigDocument(1, R"(["Alice"])");
     server_.Get("/config.json", [this](const httplib::Request&, httplib::Response& res) {
       ++hits_;
       res.set_content(ReadFileBytes(dir_ + "/served.json"), "application/json");
     });
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    ASSERT_GT(port_, 0);
-    listener_ = std::thread([this] { server_.listen_after_bind(); });
-    // stop() is lost on a server that is not running yet.
-    for (int i = 0; i < 10000 && !server_.is_running(); ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    ASSERT_TRUE(server_.is_running());
+    base_ = ServeOnLoopback(server_, listener_);
+    ASSERT_NE(base_, "");
   }
 
   void TearDown() override {
@@ -81,9 +73,7 @@ class UpdateEndToEndTest : public testing::Test {
     std::filesystem::remove_all(dir_, ignored);
   }
 
-  std::string Url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(port_) + path;
-  }
+  std::string Url(const std::string& path) const { return base_ + path; }
 
   // Serves `body` at /config.json and publishes `version` at `path` as the gray-release record.
   void Publish(const std::string& body, int version, const std::string& path) {
@@ -104,16 +94,15 @@ class UpdateEndToEndTest : public testing::Test {
 
   std::string Cached() const { return ReadFileBytes(dir_ + "/state/kv/wr_nlu_remote_config"); }
 
-  std::string dir_;
+  std::string dir_, base_;
   httplib::Server server_;
   std::thread listener_;
-  int port_ = 0;
   std::atomic<int> hits_{0};
 };
 
 TEST_F(UpdateEndToEndTest, DownloadedConfigTakesOverAtTheNextStart) {
   // Nothing at the published address: the local file answers and nothing is stored.
-  Publish(ConfigDocument(2, R"(["Bob"])", "[0-9]+"), 2, "/missing.json");
+  Publish(ConfigDocument(2, R"(["Bob"])"), 2, "/missing.json");
   ProcessResult run = Parse("call Alice");
   EXPECT_EQ(run.out, CallAnswer(1, "Alice", true));
   EXPECT_TRUE(InOrder(run.err, {"update new config. url=" + Url("/missing.json") + ", version=2",
@@ -121,7 +110,7 @@ TEST_F(UpdateEndToEndTest, DownloadedConfigTakesOverAtTheNextStart) {
   EXPECT_FALSE(std::filesystem::exists(dir_ + "/state/kv/wr_nlu_remote_config"));
 
   // Bytes a re-encoding or re-serialisation would change: CR LF, a non-ASCII name.
-  const std::string v2 = ConfigDocument(2, "[\"Alice\", \"Bob\", \"Zo\xC3\xAB\"]", "[0-9]+");
+  const std::string v2 = ConfigDocument(2, "[\"Alice\", \"Bob\", \"Zo\xC3\xAB\"]");
   Publish(v2, 2, "/config.json");
 
   // The next start still has only the local file; its update stores the published document.
@@ -139,23 +128,6 @@ TEST_F(UpdateEndToEndTest, DownloadedConfigTakesOverAtTheNextStart) {
   EXPECT_TRUE(InOrder(run.err, {"use remote config. version=2", "version is same. 2"}));
   EXPECT_EQ(run.err.find("use local config"), std::string::npos) << run.err;
   EXPECT_EQ(hits_, 1);
-
-  // A published document whose pattern does not compile is still stored as it came...
-  const std::string v3 = ConfigDocument(3, R"(["Alice", "Bob"])", "[0-9");
-  Publish(v3, 3, "/config.json");
-  run = Parse("call Bob");
-  EXPECT_EQ(run.out, CallAnswer(2, "Bob", true));
-  EXPECT_TRUE(InOrder(run.err, {"update new config. url=" + Url("/config.json") + ", version=3",
-                                "http request success."}));
-  EXPECT_EQ(Cached(), v3);
-  EXPECT_EQ(hits_, 2);
-
-  // ...but the next start cannot build it and falls back to the local file.
-  run = Parse("call Bob");
-  EXPECT_EQ(run.out, CallAnswer(1, "Bob", false));
-  EXPECT_TRUE(InOrder(run.err, {"use remote config. version=3",
-                                "remote config cannot build engine:", "use local config. version=1",
-                                "config update."}));
 }
 
 }  // namespace
