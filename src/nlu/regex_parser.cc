@@ -285,6 +285,7 @@ void RegexParser::Rewrite(const std::u16string& query, const PreparedTags& tags,
 }
 
 const RegexParser::Rules& RegexParser::RulesOf(const Intent& intent) const {
+  if (const Rules* rules = intent.compiled.load(std::memory_order_acquire)) return *rules;
   std::call_once(intent.once, [&] {
     RegexSet all(intent.patterns);
     size_t first_broken = 0;
@@ -304,6 +305,7 @@ const RegexParser::Rules& RegexParser::RulesOf(const Intent& intent) const {
           std::make_unique<const Rules>(Rules{std::move(before), std::move(broken), marker});
       any_broken_rule_ = true;
     }
+    intent.compiled.store(intent.rules.get(), std::memory_order_release);
     --uncompiled_;
   });
   return *intent.rules;

@@ -109,6 +109,8 @@ class RegexParser {
     std::vector<std::u16string> patterns;
     mutable std::once_flag once;
     mutable std::unique_ptr<const Rules> rules;
+    // `rules` once compiled: read without the once flag's call on every match.
+    mutable std::atomic<const Rules*> compiled{nullptr};
   };
 
   // `intent`'s rules, compiled on the first call from any thread.
