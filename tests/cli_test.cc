@@ -2,6 +2,7 @@
 // nothing else; exit status 0, 1 or 2. The answers and log lines over whole query streams are the
 // golden test's; the installed tool's version line is checked by the packaging test.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <rapidjson/document.h>
 
 #include <string>
@@ -47,6 +48,59 @@ TEST(CliParse, ReadsQueriesFromStdinLineByLine) {
   EXPECT_EQ(texts, (std::vector<std::string>{"open calendar", "", "say \"hi\"\\\t\r", "call Tom"}));
   EXPECT_NE(lines[0].find("\"intent\":\"open_app\""), std::string::npos);
   EXPECT_NE(lines[3].find("\"intent\":\"call_contact\""), std::string::npos);
+}
+
+// A client that writes a query and waits for its answer gets it while stdin stays open, also
+// when the query came in pieces.
+TEST(CliParse, AnswersEachLineBeforeWaitingForMoreInput) {
+  int to_tool[2], from_tool[2];
+  ASSERT_EQ(pipe(to_tool), 0);
+  ASSERT_EQ(pipe(from_tool), 0);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, to_tool[0], 0);
+  posix_spawn_file_actions_adddup2(&actions, from_tool[1], 1);
+  for (const int fd : {to_tool[0], to_tool[1], from_tool[0], from_tool[1]}) {
+    posix_spawn_file_actions_addclose(&actions, fd);
+  }
+  const std::vector<std::string> args = {kCli, "parse", "--quiet", "--config", kExample};
+  std::vector<char*> argv;
+  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+  argv.push_back(nullptr);
+  pid_t pid = 0;
+  ASSERT_EQ(posix_spawn(&pid, kCli.c_str(), &actions, nullptr, argv.data(), environ), 0);
+  posix_spawn_file_actions_destroy(&actions);
+  close(to_tool[0]);
+  close(from_tool[1]);
+  // The next answer line, or "" when none comes within ten seconds.
+  std::string buffered;
+  auto answer = [&] {
+    for (size_t end; (end = buffered.find('\n')) == std::string::npos;) {
+      pollfd ready = {from_tool[0], POLLIN, 0};
+      char chunk[4096];
+      const ssize_t got = poll(&ready, 1, 10000) == 1 ? read(from_tool[0], chunk, sizeof chunk) : 0;
+      if (got <= 0) return std::string();
+      buffered.append(chunk, static_cast<size_t>(got));
+    }
+    const std::string line = buffered.substr(0, buffered.find('\n'));
+    buffered.erase(0, line.size() + 1);
+    return line;
+  };
+  auto send = [&](const std::string& text) {
+    return write(to_tool[1], text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  };
+  ASSERT_TRUE(send("call Tom\n"));
+  EXPECT_NE(answer().find("\"intent\":\"call_contact\""), std::string::npos);
+  ASSERT_TRUE(send("x\nca"));
+  EXPECT_NE(answer().find("\"text\":\"x\""), std::string::npos);
+  ASSERT_TRUE(send("ll Tom\n"));
+  EXPECT_NE(answer().find("\"text\":\"call Tom\""), std::string::npos);
+  close(to_tool[1]);
+  EXPECT_EQ(answer(), "");
+  close(from_tool[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 TEST(CliParse, ExitsWithOneWhenTheConfigurationDoesNotLoad) {

@@ -29,7 +29,7 @@ bool RunQueries(const std::vector<std::string>& queries, Answer answer) {
   const bool written = ForEachQuery(queries, [&](const std::string& query) {
     FormatResultJson(answer(query), &line);
     line.push_back('\n');
-    return WriteOut(line);
+    return WriteOutLater(line);
   });
   if (!written) Complain("cannot write the results to standard output");
   return written;

@@ -1,8 +1,10 @@
 #include "tool_common.h"
 
+#include <unistd.h>
+
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
-#include <iostream>
 #include <optional>
 #include <utility>
 
@@ -67,18 +69,37 @@ bool ForEachQuery(const std::vector<std::string>& queries,
   for (const std::string& query : queries) {
     if (!handle(query)) return false;
   }
-  if (!queries.empty()) return true;
-  std::string query;
-  while (std::getline(std::cin, query)) {
-    if (!query.empty() && query.back() == '\r') query.pop_back();
-    if (!handle(query)) return false;
+  if (!queries.empty()) return Flush();
+  // Stdin read block by block: each block's whole lines are handled before the next read.
+  const auto take = [&](std::string line) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    return handle(line);
+  };
+  std::string pending;
+  std::vector<char> block(size_t{1} << 16);
+  for (;;) {
+    if (!Flush()) return false;
+    const ssize_t got = read(STDIN_FILENO, block.data(), block.size());
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    pending.append(block.data(), static_cast<size_t>(got));
+    size_t start = 0;
+    for (size_t end; (end = pending.find('\n', start)) != std::string::npos; start = end + 1) {
+      if (!take(pending.substr(start, end - start))) return false;
+    }
+    pending.erase(0, start);
   }
-  return true;
+  // A last line without its "\n".
+  if (!pending.empty() && !take(std::move(pending))) return false;
+  return Flush();
 }
 
-bool WriteOut(const std::string& text) {
-  std::fwrite(text.data(), 1, text.size(), stdout);
-  return std::fflush(stdout) == 0 && !std::ferror(stdout);
+bool WriteOutLater(const std::string& text) {
+  return std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
 }
+
+bool Flush() { return std::fflush(stdout) == 0 && !std::ferror(stdout); }
+
+bool WriteOut(const std::string& text) { return WriteOutLater(text) && Flush(); }
 
 }  // namespace rulenlu

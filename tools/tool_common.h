@@ -28,12 +28,21 @@ void Complain(const std::string& message);
 std::unique_ptr<NluEngine> BuildLocalEngine(const std::string& path);
 
 // Calls `handle` with each query: the arguments, else each line of stdin (without its "\n" and
-// a "\r" before it), until `handle` returns false. Returns false when it did.
+// a "\r" before it), until `handle` returns false. Returns false when it did, or when Flush
+// failed. Stdout is flushed whenever the tool is about to wait for input, and at the end: every
+// answer written so far is out before the next read that may wait, and answers to lines that
+// arrive together leave together.
 bool ForEachQuery(const std::vector<std::string>& queries,
                   const std::function<bool(const std::string&)>& handle);
 
-// Writes `text` to stdout; false when it could not be written.
+// Writes `text` to stdout and flushes it; false when it could not be written.
 bool WriteOut(const std::string& text);
+
+// Writes `text` to stdout, to be flushed later; false when it could not be written.
+bool WriteOutLater(const std::string& text);
+
+// Flushes stdout; false when it could not be written.
+bool Flush();
 
 }  // namespace rulenlu
 
