@@ -250,7 +250,7 @@ echo "|---|---:|---:|---:|---:|---:|---:|"
 printf '%s\n' "${rows[@]}"
 echo
 echo "ratio = rulenlu / nlp.js (below 1: rulenlu is faster). rulenlu is timed through the"
-echo "command-line tool (reading stdin, writing and flushing one JSON line per query); nlp.js"
+echo "command-line tool (reading stdin, writing one JSON line per query); nlp.js"
 echo "in process (vocabularies and regex vocabularies only: it has nothing like the intent rules)."
 echo "Peak RSS: one run over the queries, start-up included. $(date -u +%Y-%m-%d), ${cpu:-unknown CPU}, $(nproc) CPUs, load average at the end $(cut -d' ' -f1-3 /proc/loadavg 2>/dev/null || echo unknown)."
 echo
