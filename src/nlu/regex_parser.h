@@ -2,8 +2,9 @@
 // non-overlapping tags, rewrites the query with a "<name>" marker for each tag of a combination
 // and matches the rewritten query against the intents' rules.
 //
-// A RegexParser is built whole from the intents, compiling every rule, and is immutable
-// afterwards: Parse may run on any number of threads at once.
+// A RegexParser is built whole from the intents and answers as if immutable afterwards (an
+// intent's rules are compiled, once, by the first query that needs them): Parse may run on any
+// number of threads at once.
 #ifndef RULENLU_NLU_REGEX_PARSER_H_
 #define RULENLU_NLU_REGEX_PARSER_H_
 
@@ -56,8 +57,9 @@ inline constexpr size_t kParseWorkPerUnit = 1024;
 
 class RegexParser {
  public:
-  // Compiles each rule of `intent_map` as a POSIX extended expression. A rule that does not
-  // compile is kept with its reason, logs nothing and fails a query only when Parse tries it.
+  // Keeps each rule of `intent_map`, to be compiled as a POSIX extended expression when a query
+  // first needs its intent. A rule that does not compile is kept with its reason, logs nothing
+  // and fails a query only when Parse tries it.
   // `max_combinations` bounds the number of tag combinations built per query; the generation
   // that crosses it is still added in part.
   // Tags name their vocabulary by its position in `vocab_names`.
