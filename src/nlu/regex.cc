@@ -206,6 +206,10 @@ void CompileSetGroup(std::vector<size_t> rules, const std::vector<std::string>& 
     return std::make_pair(unbounded(a), lengths[a].least) <
            std::make_pair(unbounded(b), lengths[b].least);
   });
+  // A rule as one alternative of its part, marked so that the match names it.
+  const auto marked = [&](size_t rule) {
+    return "(?:" + translated[rule] + ")\\z(*MARK:" + std::to_string(rule) + ")";
+  };
   auto compile_part = [&](size_t begin, size_t end) {
     std::vector<size_t> part(rules.begin() + static_cast<ptrdiff_t>(begin),
                              rules.begin() + static_cast<ptrdiff_t>(end));
@@ -216,7 +220,7 @@ void CompileSetGroup(std::vector<size_t> rules, const std::vector<std::string>& 
       range = {std::min(range.least, lengths[rule].least),
                std::max(range.most, lengths[rule].most)};
       if (!alternation.empty()) alternation += "|";
-      alternation += "(?:" + translated[rule] + ")\\z(*MARK:" + std::to_string(rule) + ")";
+      alternation += marked(rule);
     }
     try {
       group->push_back(
@@ -231,13 +235,13 @@ void CompileSetGroup(std::vector<size_t> rules, const std::vector<std::string>& 
   size_t begin = 0;
   size_t length = 0;
   for (size_t k = 0; k < rules.size(); ++k) {
-    const size_t marked = translated[rules[k]].size() + 32;
-    if (k > begin && length + marked > kMaxSetPartLength) {
+    const size_t units = marked(rules[k]).size() + 1;  // and its "|"
+    if (k > begin && length + units > kMaxSetPartLength) {
       compile_part(begin, k);
       begin = k;
       length = 0;
     }
-    length += marked;
+    length += units;
   }
   if (begin < rules.size()) compile_part(begin, rules.size());
 }

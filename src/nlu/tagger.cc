@@ -150,18 +150,16 @@ Tagger::WordTrie::WordTrie(const std::map<std::string, std::vector<std::u16strin
   }
 
   // The nodes are counted first, so that the links are made in arrays of their final sizes.
-  std::vector<uint32_t> common(entries.size());
+  std::vector<uint32_t> common(entries.size());  // units shared with the word before
   size_t edge_count = 0;
-  for (size_t e = 1; e <= entries.size(); ++e) {
-    const std::u16string& word = *entries[e - 1].word;
-    if (e > 1) {
-      const std::u16string& previous = *entries[e - 2].word;
+  for (size_t e = 0; e < entries.size(); ++e) {
+    const std::u16string& word = *entries[e].word;
+    if (e > 0) {
+      const std::u16string& previous = *entries[e - 1].word;
       const size_t most = std::min(previous.size(), word.size());
-      while (common[e - 1] < most && previous[common[e - 1]] == word[common[e - 1]]) {
-        ++common[e - 1];
-      }
+      while (common[e] < most && previous[common[e]] == word[common[e]]) ++common[e];
     }
-    edge_count += word.size() - common[e - 1];
+    edge_count += word.size() - common[e];
   }
   // A link leaves node `from`: an edge, whose child is the node made with it (edge i makes node
   // i + 1), or a word's end.
