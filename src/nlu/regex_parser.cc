@@ -18,6 +18,17 @@ constexpr uint32_t kNone = UINT32_MAX;
 // Words of a bit set of `bits` bits (at least one, so that every set has a first word).
 size_t Words(size_t bits) { return bits / 64 + 1; }
 
+// Calls f(w) for each word w of a bit set of `words` words: straight-line code for one word,
+// the common case, in the loops that run once per combination.
+template <typename F>
+inline void ForEachWord(size_t words, F&& f) {
+  if (words == 1) {
+    f(size_t{0});
+    return;
+  }
+  for (size_t w = 0; w < words; ++w) f(w);
+}
+
 // The first four units of `text` packed into one number, a unit per 16 bits, the first highest
 // and missing units as 0: texts compare as their heads do, unless the heads are equal.
 uint64_t Head(std::u16string_view text) {
@@ -39,7 +50,9 @@ std::u16string MakeMarker(const std::string& key) {
 
 RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
                          std::vector<std::string> vocab_names, size_t max_combinations)
-    : max_combinations_(max_combinations), vocab_names_(std::move(vocab_names)) {
+    : max_combinations_(max_combinations),
+      intents_(intent_map.size()),
+      vocab_names_(std::move(vocab_names)) {
   // Every key that some intent's slots name, with its "<key>" marker (none when the key is not
   // UTF-8: a query that needs it then fails as it would converting it on the spot).
   std::map<std::string, uint32_t> key_index;
@@ -59,16 +72,15 @@ RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
 
   intent_words_ = Words(intent_map.size());
   key_intents_.assign((markers_.size() + 1) * intent_words_, 0);
+  size_t i = 0;
   for (const auto& [name, config] : intent_map) {
-    const size_t i = intents_.size();
     for (const auto& slot : config.slots) {
       key_intents_[key_index.at(slot.second) * intent_words_ + i / 64] |= uint64_t{1} << (i % 64);
     }
-    Intent& intent = intents_.emplace_back();
-    intent.name = name;
-    intent.patterns = config.regexRules;
+    intents_[i].name = name;
+    intents_[i].patterns = config.regexRules;
+    ++i;
   }
-  uncompiled_ = intents_.size();
 
   vocab_keys_.reserve(vocab_names_.size());
   for (const std::string& name : vocab_names_) {
@@ -104,17 +116,17 @@ struct RegexParser::PreparedTags {
   // order in which the exhaustive search finds two combinations of one length is the order here.
   std::vector<Combination> combinations;
   // Per combination: the intents accepting every tag of it (intent_words_ words each); and the
-  // intents accepting some combination.
+  // intents accepting some combination (known once the tags are sorted).
   std::vector<uint64_t> intents;
   std::vector<uint64_t> reached;
 
   // Working space.
   struct SortKey {
-    uint64_t head;  // the tag's word number, or the head of its text
-    uint32_t vocab;
+    uint64_t head;  // the tag's word number and index, or the head of its text
     uint32_t index;
   };
-  std::vector<uint32_t> vocab_next;
+  std::vector<uint32_t> vocab_first;
+  std::vector<uint8_t> textual;
   std::vector<SortKey> sort_keys;
   std::vector<QueryTag> unsorted;
 
@@ -157,8 +169,8 @@ T* AtLeast(std::vector<T>* v, size_t size) {
 
 }  // namespace
 
-void RegexParser::Prepare(std::u16string_view query, std::vector<QueryTag> tags,
-                          PreparedTags* prepared) const {
+void RegexParser::SortTags(std::u16string_view query, std::vector<QueryTag> tags,
+                           PreparedTags* prepared) const {
   // Tag order: by vocabulary name (byte-wise, as the positions of the names are), then by text;
   // stable. A counting sort by vocabulary, then a sort of each vocabulary's tags: by word number
   // when all are vocabulary words, else by the heads of their texts, which settle most
@@ -168,24 +180,40 @@ void RegexParser::Prepare(std::u16string_view query, std::vector<QueryTag> tags,
   const auto n = static_cast<uint32_t>(prepared->unsorted.size());
   auto text = [&](uint32_t i) { return query.substr(unsorted[i].start, unsorted[i].length); };
   PreparedTags::SortKey* sort_keys = AtLeast(&prepared->sort_keys, n);
-  PlaceByVocabulary(prepared->unsorted, vocab_names_.size(), &prepared->vocab_next,
+  // A word's key is its number, then its place: one comparison orders two words. A vocabulary
+  // with a tag that is not a word (a regex tag) is ordered by text.
+  std::vector<uint8_t>& textual = prepared->textual;
+  textual.assign(vocab_names_.size(), 0);
+  PlaceByVocabulary(prepared->unsorted, vocab_names_.size(), &prepared->vocab_first,
                     [&](uint32_t i, uint32_t position) {
-                      sort_keys[position] = {unsorted[i].word, unsorted[i].vocab, i};
+                      const QueryTag& tag = unsorted[i];
+                      sort_keys[position] = {uint64_t{tag.word} << 32 | i, i};
+                      textual[tag.vocab] |= static_cast<uint8_t>(tag.word == QueryTag::kNoWord);
                     });
+  const std::vector<uint32_t>& first = prepared->vocab_first;
   QueryTag* sorted = AtLeast(&prepared->tags, n);
   uint32_t* keys = AtLeast(&prepared->keys, n);
   uint32_t* classes = AtLeast(&prepared->classes, n);
+  const size_t words = intent_words_;
+  std::vector<uint64_t>& reached = prepared->reached;
+  reached.assign(words, 0);
   uint32_t tag_class = 0;
-  for (uint32_t begin = 0, end = 0; begin < n; begin = end) {
-    bool words = true;
-    while (end < n && sort_keys[end].vocab == sort_keys[begin].vocab) {
-      words = words && sort_keys[end].head != QueryTag::kNoWord;
-      ++end;
-    }
-    if (words) {
-      std::sort(sort_keys + begin, sort_keys + end, [](const auto& a, const auto& b) {
-        return a.head != b.head ? a.head < b.head : a.index < b.index;
-      });
+  for (size_t vocab = 0; vocab < textual.size(); ++vocab) {
+    const uint32_t begin = first[vocab];
+    const uint32_t end = first[vocab + 1];
+    if (begin == end) continue;
+    // Sorted, equal tags are neighbours: each tag after the first has the class of the one
+    // before it or the next.
+    const uint32_t key = vocab_keys_[vocab];
+    if (textual[vocab] == 0) {
+      std::sort(sort_keys + begin, sort_keys + end,
+                [](const auto& a, const auto& b) { return a.head < b.head; });
+      for (uint32_t k = begin; k < end; ++k) {
+        sorted[k] = unsorted[sort_keys[k].index];
+        keys[k] = key;
+        tag_class += k > 0 && (k == begin || (sort_keys[k].head ^ sort_keys[k - 1].head) >> 32);
+        classes[k] = tag_class;
+      }
     } else {
       for (uint32_t k = begin; k < end; ++k) sort_keys[k].head = Head(text(sort_keys[k].index));
       std::sort(sort_keys + begin, sort_keys + end, [&](const auto& a, const auto& b) {
@@ -193,42 +221,50 @@ void RegexParser::Prepare(std::u16string_view query, std::vector<QueryTag> tags,
         const int order = text(a.index).compare(text(b.index));
         return order != 0 ? order < 0 : a.index < b.index;
       });
+      for (uint32_t k = begin; k < end; ++k) {
+        sorted[k] = unsorted[sort_keys[k].index];
+        keys[k] = key;
+        tag_class += k > 0 && (k == begin || sort_keys[k].head != sort_keys[k - 1].head ||
+                               text(sort_keys[k].index) != text(sort_keys[k - 1].index));
+        classes[k] = tag_class;
+      }
     }
-    for (uint32_t k = begin; k < end; ++k) {
-      sorted[k] = unsorted[sort_keys[k].index];
-      keys[k] = vocab_keys_[sorted[k].vocab];
-      // Sorted: equal tags are neighbours.
-      const bool same_tag = k > begin && sort_keys[k].head == sort_keys[k - 1].head &&
-                            (words || text(sort_keys[k].index) == text(sort_keys[k - 1].index));
-      if (k > 0 && !same_tag) ++tag_class;
-      classes[k] = tag_class;
-    }
+    // Every tag is a combination of its own: the intents some combination reaches are those
+    // accepting some tag.
+    for (size_t w = 0; w < words; ++w) reached[w] |= key_intents_[key * words + w];
   }
+}
 
+template <typename Visit>
+void RegexParser::Combine(PreparedTags* prepared, Visit&& visit) const {
   // The combinations, generation by generation; of combinations with equal classes only the
   // first one found is kept. A generation stops growing once past max_combinations_, after
   // at most n more: the arrays hold that many.
+  const auto n = static_cast<uint32_t>(prepared->unsorted.size());
+  const QueryTag* sorted = prepared->tags.data();
+  const uint32_t* keys = prepared->keys.data();
+  const uint32_t* classes = prepared->classes.data();
   const size_t words = intent_words_;
   const size_t most = std::max<size_t>(n, max_combinations_) + n;
   PreparedTags::Combination* combinations = AtLeast(&prepared->combinations, most);
   uint64_t* intents = AtLeast(&prepared->intents, most * words);
-  std::vector<uint64_t>& reached = prepared->reached;
-  reached.assign(words, 0);
   uint32_t count = 0;
-  auto add = [&](uint32_t parent, uint32_t t) {
+  auto add = [&](uint32_t parent, uint32_t t) __attribute__((always_inline)) {
     const uint64_t* accepting = &key_intents_[keys[t] * words];
     const auto length = static_cast<uint32_t>(sorted[t].length);
     uint64_t* out = &intents[count * words];
     if (parent == kNone) {
-      combinations[count++] = {kNone, t, 1, length, static_cast<uint32_t>(sorted[t].start), 0, 0};
-      for (size_t w = 0; w < words; ++w) reached[w] |= out[w] = accepting[w];
-      return;
-    }
-    const PreparedTags::Combination& from = combinations[parent];
-    combinations[count++] = {parent, t, from.slots + 1, from.total + length, from.first_start,
+      combinations[count] = {kNone, t, 1, length, static_cast<uint32_t>(sorted[t].start), 0, 0};
+      ForEachWord(words, [&](size_t w) { out[w] = accepting[w]; });
+    } else {
+      const PreparedTags::Combination& from = combinations[parent];
+      combinations[count] = {parent, t, from.slots + 1, from.total + length, from.first_start,
                              0,      0};
-    const uint64_t* inherited = &intents[parent * words];
-    for (size_t w = 0; w < words; ++w) reached[w] |= out[w] = inherited[w] & accepting[w];
+      const uint64_t* inherited = &intents[parent * words];
+      ForEachWord(words, [&](size_t w) { out[w] = inherited[w] & accepting[w]; });
+    }
+    visit(count, combinations[count], out);
+    ++count;
   };
   for (uint32_t i = 0; i < n; ++i) {
     if (i == 0 || classes[i] != classes[i - 1]) add(kNone, i);
@@ -306,7 +342,6 @@ const RegexParser::Rules& RegexParser::RulesOf(const Intent& intent) const {
       any_broken_rule_ = true;
     }
     intent.compiled.store(intent.rules.get(), std::memory_order_release);
-    --uncompiled_;
   });
   return *intent.rules;
 }
@@ -418,19 +453,57 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
     }
   } release;
   PreparedTags& prepared = space.prepared;
-  Prepare(query, std::move(tags), &prepared);
+  SortTags(query, std::move(tags), &prepared);
   Matching& matching = space.matching;
   matching.Start(query, prepared);
   const size_t words = intent_words_;
+
+  // A pair whose intent has no rule that can begin as the rewritten query does is left out: the
+  // query's units before the combination's first tag, then its marker. live[s * words + w]
+  // holds the intents whose rules may begin with the query's first s units (s from 1), and
+  // live[w] those whose rules may begin with a marker.
+  const size_t length = query.size();
+  std::vector<uint64_t>& live = space.live;
+  live.assign((length + 1) * words, 0);
+  ForEachBit(prepared.reached.data(), words, [&](size_t i) {
+    const Rules& rules = RulesOf(intents_[i]);
+    const uint64_t bit = uint64_t{1} << (i % 64);
+    // Reaching a rule that did not compile fails the query: such an intent is never left out.
+    const bool any = !rules.broken.empty();
+    const size_t prefix = any ? length : rules.before_broken.LivePrefix(query);
+    if (prefix > 0) live[prefix * words + i / 64] |= bit;
+    if (any || rules.may_begin_with_marker) live[i / 64] |= bit;
+  });
+  for (size_t s = length; s > 1; --s) {
+    for (size_t w = 0; w < words; ++w) live[(s - 1) * words + w] |= live[s * words + w];
+  }
+  const auto pairs = [&](const PreparedTags::Combination& combination, const uint64_t* accepting,
+                         size_t w) {
+    return accepting[w] & live[combination.first_start * words + w];
+  };
+
+  // Candidates in rank order: most covered units, then fewest slots, then the order in which
+  // the exhaustive search finds them (combination order, then intent order). A heap, as the
+  // search usually stops after a few. A combination with no pair left gives no candidate.
+  std::vector<RankEntry>& ranked = space.ranked;
+  ranked.clear();
+  Combine(&prepared,
+          [&](uint32_t c, const PreparedTags::Combination& combination, const uint64_t* accepting) {
+            uint64_t any_pair = 0;
+            ForEachWord(words, [&](size_t w) { any_pair |= pairs(combination, accepting, w); });
+            if (any_pair == 0) return;
+            const uint64_t cover =
+                Ranker::RankKey(Ranker::Score(combination.slots, combination.total, 0)) >> 32;
+            ranked.push_back(cover << 32 | c);
+          });
   const uint64_t* accepting = prepared.intents.data();
 
   // A rule that did not compile, or a marker that could not be converted, fails the query
   // whenever the exhaustive search reaches it: for a rule, some combination its intent accepts
   // that no earlier rule of the intent matches; for a marker, any accepted combination holding
   // its tag. That does not depend on the order of the search, so it is settled first, and the
-  // search below never reaches either. Until every intent's rules are compiled, whether one
-  // has such a rule is not known: the intents a query may reach are compiled here.
-  if (any_unconvertible_key_ || any_broken_rule_ || uncompiled_ > 0) {
+  // search below never reaches either.
+  if (any_unconvertible_key_ || any_broken_rule_) {
     for (uint32_t c = 0; c < prepared.count; ++c) {
       ForEachBit(accepting + c * words, words, [&](size_t i) {
         if (any_unconvertible_key_) {
@@ -447,44 +520,6 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
     }
   }
 
-  // A pair whose intent has no rule that can begin as the rewritten query does is left out: the
-  // query's units before the combination's first tag, then its marker. live[s * words + w]
-  // holds the intents whose rules may begin with the query's first s units (s from 1), and
-  // live[w] those whose rules may begin with a marker.
-  const size_t length = query.size();
-  std::vector<uint64_t>& live = space.live;
-  live.assign((length + 1) * words, 0);
-  const std::vector<uint64_t>& reached = prepared.reached;
-  ForEachBit(reached.data(), words, [&](size_t i) {
-    const Rules& rules = RulesOf(intents_[i]);
-    const uint64_t bit = uint64_t{1} << (i % 64);
-    // Reaching a rule that did not compile fails the query: such an intent is never left out.
-    const bool any = !rules.broken.empty();
-    const size_t prefix = any ? length : rules.before_broken.LivePrefix(query);
-    if (prefix > 0) live[prefix * words + i / 64] |= bit;
-    if (any || rules.may_begin_with_marker) live[i / 64] |= bit;
-  });
-  for (size_t s = length; s > 1; --s) {
-    for (size_t w = 0; w < words; ++w) live[(s - 1) * words + w] |= live[s * words + w];
-  }
-  const auto pairs = [&](uint32_t c, size_t w) {
-    const uint32_t first_start = prepared.combinations[c].first_start;
-    return accepting[c * words + w] & live[first_start * words + w];
-  };
-  // Candidates in rank order: most covered units, then fewest slots, then the order in which
-  // the exhaustive search finds them (combination order, then intent order). A heap, as the
-  // search usually stops after a few. A combination with no pair left gives no candidate.
-  std::vector<RankEntry>& ranked = space.ranked;
-  ranked.clear();
-  for (uint32_t c = 0; c < prepared.count; ++c) {
-    bool any_pair = false;
-    for (size_t w = 0; w < words; ++w) any_pair = any_pair || pairs(c, w) != 0;
-    if (!any_pair) continue;
-    const PreparedTags::Combination& combination = prepared.combinations[c];
-    const uint64_t cover =
-        Ranker::RankKey(Ranker::Score(combination.slots, combination.total, 0)) >> 32;
-    ranked.push_back(cover << 32 | c);
-  }
   const std::greater<RankEntry> after;
   std::make_heap(ranked.begin(), ranked.end(), after);
   while (!ranked.empty()) {
@@ -492,7 +527,8 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
     const auto c = static_cast<uint32_t>(ranked.back());
     ranked.pop_back();
     for (size_t w = 0; w < words; ++w) {
-      for (uint64_t bits = pairs(c, w); bits != 0; bits &= bits - 1) {
+      for (uint64_t bits = pairs(prepared.combinations[c], accepting + c * words, w); bits != 0;
+           bits &= bits - 1) {
         const Intent& intent = intents_[w * 64 + static_cast<size_t>(__builtin_ctzll(bits))];
         if (Match(intent, c, &matching).has_value()) {
           return MakeCandidate(query, intent, prepared, c);
@@ -505,7 +541,8 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
 
 ParseTrace RegexParser::Explain(const std::u16string& query, std::vector<QueryTag> tags) const {
   PreparedTags prepared;
-  Prepare(query, std::move(tags), &prepared);
+  SortTags(query, std::move(tags), &prepared);
+  Combine(&prepared, [](uint32_t, const PreparedTags::Combination&, const uint64_t*) {});
   ParseTrace trace;
   for (size_t t = 0; t < prepared.unsorted.size(); ++t) {
     trace.tags.push_back(ToSlot(prepared.tags[t], vocab_names_, query));

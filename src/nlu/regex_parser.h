@@ -11,7 +11,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -125,8 +124,14 @@ class RegexParser {
   // RegexError when none before the first rule that did not compile matches.
   std::optional<size_t> MatchingRule(const Intent& intent, const RegexSubject& subject) const;
 
-  // Sorts `tags` into tag order and builds their combinations into `prepared`.
-  void Prepare(std::u16string_view query, std::vector<QueryTag> tags, PreparedTags* prepared) const;
+  // Sorts `tags` into tag order, with the intents that some combination of them reaches, into
+  // `prepared`.
+  void SortTags(std::u16string_view query, std::vector<QueryTag> tags,
+                PreparedTags* prepared) const;
+  // Builds the combinations of the sorted tags into `prepared`, calling visit(c, combination,
+  // accepting) as each is made, `accepting` the intents (bit set) that accept all its tags.
+  template <typename Visit>
+  void Combine(PreparedTags* prepared, Visit&& visit) const;
   // `query` with each tag of `path` (positions in `tags`, in order) replaced by its marker.
   void Rewrite(const std::u16string& query, const PreparedTags& tags,
                const std::vector<uint32_t>& path, std::u16string* rewritten) const;
@@ -139,10 +144,8 @@ class RegexParser {
                                 const PreparedTags& tags, uint32_t c) const;
 
   size_t max_combinations_;
-  std::deque<Intent> intents_;  // a deque: an Intent cannot move
-  // How many intents' rules are not compiled yet, and whether one of those compiled has a rule
-  // that did not compile.
-  mutable std::atomic<size_t> uncompiled_{0};
+  std::vector<Intent> intents_;  // made at its final size: an Intent cannot move
+  // Whether an intent compiled so far has a rule that did not compile.
   mutable std::atomic<bool> any_broken_rule_{false};
   bool any_unconvertible_key_ = false;
   std::vector<std::string> vocab_names_;
