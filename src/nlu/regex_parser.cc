@@ -53,25 +53,25 @@ RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
     : max_combinations_(max_combinations),
       intents_(intent_map.size()),
       vocab_names_(std::move(vocab_names)) {
-  // Every key that some intent's slots name, with its "<key>" marker (none when the key is not
-  // UTF-8: a query that needs it then fails as it would converting it on the spot).
+  // Every key that some intent's slots name. A key that is not UTF-8 has no marker: a query
+  // that needs it then fails as it would converting it on the spot.
   std::map<std::string, uint32_t> key_index;
   for (const auto& [name, intent] : intent_map) {
     for (const auto& slot : intent.slots) {
-      if (!key_index.emplace(slot.second, static_cast<uint32_t>(markers_.size())).second) {
+      if (!key_index.emplace(slot.second, static_cast<uint32_t>(key_index.size())).second) {
         continue;
       }
       try {
-        markers_.push_back(MakeMarker(slot.second));
+        MakeMarker(slot.second);
       } catch (const ConversionError&) {
-        markers_.push_back(std::nullopt);
         any_unconvertible_key_ = true;
       }
     }
   }
+  const auto keys = static_cast<uint32_t>(key_index.size());
 
   intent_words_ = Words(intent_map.size());
-  key_intents_.assign((markers_.size() + 1) * intent_words_, 0);
+  key_intents_.assign((keys + 1) * intent_words_, 0);
   size_t i = 0;
   for (const auto& [name, config] : intent_map) {
     for (const auto& slot : config.slots) {
@@ -83,10 +83,15 @@ RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
   }
 
   vocab_keys_.reserve(vocab_names_.size());
+  vocab_markers_.reserve(vocab_names_.size());
   for (const std::string& name : vocab_names_) {
     const auto found = key_index.find(name);
-    vocab_keys_.push_back(found == key_index.end() ? static_cast<uint32_t>(markers_.size())
-                                                   : found->second);
+    vocab_keys_.push_back(found == key_index.end() ? keys : found->second);
+    try {
+      vocab_markers_.push_back(MakeMarker(name));
+    } catch (const ConversionError&) {
+      vocab_markers_.push_back(std::nullopt);
+    }
   }
 }
 
@@ -300,24 +305,32 @@ void RegexParser::Combine(PreparedTags* prepared, Visit&& visit) const {
   prepared->roots = roots;
 }
 
+const std::u16string& RegexParser::MarkerOf(const QueryTag& tag) const {
+  const std::optional<std::u16string>& marker = vocab_markers_[tag.vocab];
+  if (!marker.has_value()) throw ConversionError();  // as converting the name here would
+  return *marker;
+}
+
 void RegexParser::Rewrite(const std::u16string& query, const PreparedTags& tags,
                           const std::vector<uint32_t>& path, std::u16string* rewritten) const {
-  rewritten->clear();
+  // Tags in a path stand in order without overlapping: the pieces are written one after another
+  // into a text of their total length.
+  size_t size = query.size();
+  for (const uint32_t t : path) {
+    size = size - static_cast<uint32_t>(tags.tags[t].length) + MarkerOf(tags.tags[t]).size();
+  }
+  rewritten->resize(size);
+  char16_t* out = rewritten->data();
   size_t pos = 0;
   for (const uint32_t t : path) {
     const QueryTag& tag = tags.tags[t];
     const size_t start = static_cast<uint32_t>(tag.start);
-    if (pos < start) rewritten->append(query, pos, start - pos);
-    const uint32_t key = tags.keys[t];
-    if (key < markers_.size() && markers_[key].has_value()) {
-      rewritten->append(*markers_[key]);
-    } else {
-      // A key that could not be converted at start-up throws here, when a query needs it.
-      rewritten->append(MakeMarker(vocab_names_[tag.vocab]));
-    }
+    out = std::copy(query.data() + pos, query.data() + start, out);
+    const std::u16string& marker = MarkerOf(tag);
+    out = std::copy(marker.begin(), marker.end(), out);
     pos = start + static_cast<uint32_t>(tag.length);
   }
-  if (pos < query.size()) rewritten->append(query, pos);
+  std::copy(query.data() + pos, query.data() + query.size(), out);
 }
 
 const RegexParser::Rules& RegexParser::RulesOf(const Intent& intent) const {
@@ -508,12 +521,7 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
       ForEachBit(accepting + c * words, words, [&](size_t i) {
         if (any_unconvertible_key_) {
           prepared.PathOf(c, &matching.path);
-          for (const uint32_t t : matching.path) {
-            const uint32_t key = prepared.keys[t];
-            if (key < markers_.size() && !markers_[key].has_value()) {
-              throw ConversionError();  // as rewriting it would
-            }
-          }
+          for (const uint32_t t : matching.path) MarkerOf(prepared.tags[t]);
         }
         if (!RulesOf(intents_[i]).broken.empty()) Match(intents_[i], c, &matching);
       });

@@ -132,6 +132,8 @@ class RegexParser {
   // accepting) as each is made, `accepting` the intents (bit set) that accept all its tags.
   template <typename Visit>
   void Combine(PreparedTags* prepared, Visit&& visit) const;
+  // The "<name>" marker of `tag`'s vocabulary. Throws ConversionError when the name is not UTF-8.
+  const std::u16string& MarkerOf(const QueryTag& tag) const;
   // `query` with each tag of `path` (positions in `tags`, in order) replaced by its marker.
   void Rewrite(const std::u16string& query, const PreparedTags& tags,
                const std::vector<uint32_t>& path, std::u16string* rewritten) const;
@@ -149,12 +151,11 @@ class RegexParser {
   mutable std::atomic<bool> any_broken_rule_{false};
   bool any_unconvertible_key_ = false;
   std::vector<std::string> vocab_names_;
-  // Per vocabulary: its key's index among the keys some intent names, or markers_.size() when
-  // no intent names it.
+  // Per vocabulary: its key's index among the keys some intent names, or the number of those
+  // keys when no intent names it; its "<name>" marker, or none when the name is not UTF-8.
   std::vector<uint32_t> vocab_keys_;
-  // Per key that some intent's slots name: its "<key>" marker, or none when not UTF-8.
-  std::vector<std::optional<std::u16string>> markers_;
-  // Per key index (markers_.size() + 1 of them): the bit set of the intents, in name order,
+  std::vector<std::optional<std::u16string>> vocab_markers_;
+  // Per key index (one more than there are keys): the bit set of the intents, in name order,
   // whose slots name it; intent_words_ words each. The last, for keys no intent names, is empty.
   size_t intent_words_ = 1;
   std::vector<uint64_t> key_intents_;
