@@ -107,9 +107,6 @@ struct RegexParser::PreparedTags {
     uint32_t total;        // the tags' lengths added up, wrapping around
     uint32_t first_start;  // where its first tag starts: its rewritten query begins with so
                            // many units of the query, then a marker
-    // Its extensions are combinations[first_child, end_child).
-    uint32_t first_child;
-    uint32_t end_child;
   };
 
   std::vector<QueryTag> tags;
@@ -126,17 +123,26 @@ struct RegexParser::PreparedTags {
   std::vector<uint64_t> reached;
 
   // Working space.
-  struct SortKey {
-    uint64_t head;  // the tag's word number and index, or the head of its text
+  struct TextKey {
+    uint64_t head;  // the head of the tag's text
     uint32_t index;
   };
   std::vector<uint32_t> vocab_first;
   std::vector<uint8_t> textual;
-  std::vector<SortKey> sort_keys;
+  // Per tag, by vocabulary: its word number and its index in `unsorted`, or only the index.
+  std::vector<uint64_t> sort_keys;
+  std::vector<TextKey> text_keys;
   std::vector<QueryTag> unsorted;
 
   // The combinations in combination order: each followed by its extensions' subtrees.
   std::vector<uint32_t> Order() const {
+    // A combination's extensions were made one after another: its range of them.
+    std::vector<std::pair<uint32_t, uint32_t>> extensions(count, {0, 0});
+    for (uint32_t c = roots; c < count; ++c) {
+      std::pair<uint32_t, uint32_t>& range = extensions[combinations[c].parent];
+      if (range.first == range.second) range.first = c;
+      range.second = c + 1;
+    }
     std::vector<uint32_t> order;
     std::vector<std::pair<uint32_t, uint32_t>> pending = {{0, roots}};  // sibling ranges to visit
     while (!pending.empty()) {
@@ -147,9 +153,7 @@ struct RegexParser::PreparedTags {
       }
       const uint32_t c = siblings.first++;
       order.push_back(c);
-      if (combinations[c].first_child < combinations[c].end_child) {
-        pending.emplace_back(combinations[c].first_child, combinations[c].end_child);
-      }
+      if (extensions[c].first < extensions[c].second) pending.push_back(extensions[c]);
     }
     return order;
   }
@@ -184,7 +188,7 @@ void RegexParser::SortTags(std::u16string_view query, std::vector<QueryTag> tags
   const QueryTag* unsorted = prepared->unsorted.data();
   const auto n = static_cast<uint32_t>(prepared->unsorted.size());
   auto text = [&](uint32_t i) { return query.substr(unsorted[i].start, unsorted[i].length); };
-  PreparedTags::SortKey* sort_keys = AtLeast(&prepared->sort_keys, n);
+  uint64_t* sort_keys = AtLeast(&prepared->sort_keys, n);
   // A word's key is its number, then its place: one comparison orders two words. A vocabulary
   // with a tag that is not a word (a regex tag) is ordered by text.
   std::vector<uint8_t>& textual = prepared->textual;
@@ -192,7 +196,7 @@ void RegexParser::SortTags(std::u16string_view query, std::vector<QueryTag> tags
   PlaceByVocabulary(prepared->unsorted, vocab_names_.size(), &prepared->vocab_first,
                     [&](uint32_t i, uint32_t position) {
                       const QueryTag& tag = unsorted[i];
-                      sort_keys[position] = {uint64_t{tag.word} << 32 | i, i};
+                      sort_keys[position] = uint64_t{tag.word} << 32 | i;
                       textual[tag.vocab] |= static_cast<uint8_t>(tag.word == QueryTag::kNoWord);
                     });
   const std::vector<uint32_t>& first = prepared->vocab_first;
@@ -210,27 +214,31 @@ void RegexParser::SortTags(std::u16string_view query, std::vector<QueryTag> tags
     // Sorted, equal tags are neighbours: each tag after the first has the class of the one
     // before it or the next.
     const uint32_t key = vocab_keys_[vocab];
+    const auto index = [&](uint32_t k) { return static_cast<uint32_t>(sort_keys[k]); };
     if (textual[vocab] == 0) {
-      std::sort(sort_keys + begin, sort_keys + end,
-                [](const auto& a, const auto& b) { return a.head < b.head; });
+      std::sort(sort_keys + begin, sort_keys + end);
       for (uint32_t k = begin; k < end; ++k) {
-        sorted[k] = unsorted[sort_keys[k].index];
+        sorted[k] = unsorted[index(k)];
         keys[k] = key;
-        tag_class += k > 0 && (k == begin || (sort_keys[k].head ^ sort_keys[k - 1].head) >> 32);
+        tag_class += k > 0 && (k == begin || (sort_keys[k] ^ sort_keys[k - 1]) >> 32);
         classes[k] = tag_class;
       }
     } else {
-      for (uint32_t k = begin; k < end; ++k) sort_keys[k].head = Head(text(sort_keys[k].index));
-      std::sort(sort_keys + begin, sort_keys + end, [&](const auto& a, const auto& b) {
+      PreparedTags::TextKey* text_keys = AtLeast(&prepared->text_keys, end - begin);
+      for (uint32_t k = begin; k < end; ++k) {
+        text_keys[k - begin] = {Head(text(index(k))), index(k)};
+      }
+      std::sort(text_keys, text_keys + (end - begin), [&](const auto& a, const auto& b) {
         if (a.head != b.head) return a.head < b.head;
         const int order = text(a.index).compare(text(b.index));
         return order != 0 ? order < 0 : a.index < b.index;
       });
       for (uint32_t k = begin; k < end; ++k) {
-        sorted[k] = unsorted[sort_keys[k].index];
+        const PreparedTags::TextKey& at = text_keys[k - begin];
+        sorted[k] = unsorted[at.index];
         keys[k] = key;
-        tag_class += k > 0 && (k == begin || sort_keys[k].head != sort_keys[k - 1].head ||
-                               text(sort_keys[k].index) != text(sort_keys[k - 1].index));
+        tag_class += k > 0 && (k == begin || at.head != text_keys[k - begin - 1].head ||
+                               text(at.index) != text(text_keys[k - begin - 1].index));
         classes[k] = tag_class;
       }
     }
@@ -259,12 +267,11 @@ void RegexParser::Combine(PreparedTags* prepared, Visit&& visit) const {
     const auto length = static_cast<uint32_t>(sorted[t].length);
     uint64_t* out = &intents[count * words];
     if (parent == kNone) {
-      combinations[count] = {kNone, t, 1, length, static_cast<uint32_t>(sorted[t].start), 0, 0};
+      combinations[count] = {kNone, t, 1, length, static_cast<uint32_t>(sorted[t].start)};
       ForEachWord(words, [&](size_t w) { out[w] = accepting[w]; });
     } else {
       const PreparedTags::Combination& from = combinations[parent];
-      combinations[count] = {parent, t, from.slots + 1, from.total + length, from.first_start,
-                             0,      0};
+      combinations[count] = {parent, t, from.slots + 1, from.total + length, from.first_start};
       const uint64_t* inherited = &intents[parent * words];
       ForEachWord(words, [&](size_t w) { out[w] = inherited[w] & accepting[w]; });
     }
@@ -283,7 +290,6 @@ void RegexParser::Combine(PreparedTags* prepared, Visit&& visit) const {
       // Unsigned on purpose: a tag of length 0 at offset 0 lets nothing follow it.
       const uint32_t last_unit =
           static_cast<uint32_t>(last.start) + static_cast<uint32_t>(last.length) - 1u;
-      combinations[p].first_child = count;
       uint32_t added_class = kNone;
       for (uint32_t i = 0; i < n; ++i) {
         // Classes ascend with i: an equal tag later in the list would repeat this extension.
@@ -293,7 +299,6 @@ void RegexParser::Combine(PreparedTags* prepared, Visit&& visit) const {
         added_class = classes[i];
         add(p, i);
       }
-      combinations[p].end_child = count;
       // Crossing the limit also ends the growth: the loop condition fails from here on.
       if (count > max_combinations_) break;
     }
