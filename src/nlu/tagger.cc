@@ -98,10 +98,12 @@ class Tagger::WordTrie {
       if (node == kNone) return length;
       const uint32_t first = nodes_[node].first_end;
       if (first == kNoEnd) continue;
-      for (uint32_t i = first;; ++i) {
-        visit(ends_[i] & ~kLastEnd, length, first);
-        if ((ends_[i] & kLastEnd) != 0) break;
-      }
+      uint32_t i = first;
+      uint32_t end;
+      do {
+        end = ends_[i++];
+        visit(end & ~kLastEnd, length, first);
+      } while ((end & kLastEnd) == 0);
     }
     return text.size();
   }
@@ -128,10 +130,21 @@ class Tagger::WordTrie {
       const uint32_t block = root_blocks_[unit >> 8];
       return block == kNoBlock ? kNone : root_children_[block + (unit & 0xff)];
     }
-    const char16_t* begin = units_.data() + nodes_[node].first_child;
-    const char16_t* end = units_.data() + nodes_[node + 1].first_child;
-    const char16_t* it = std::lower_bound(begin, end, unit);
-    return it != end && *it == unit ? static_cast<uint32_t>(it - units_.data()) : kNone;
+    // Most nodes below the root have one child or a few: halved down to a few, then scanned.
+    uint32_t first = nodes_[node].first_child;
+    uint32_t last = nodes_[node + 1].first_child;
+    while (last - first > 4) {
+      const uint32_t middle = first + (last - first) / 2;
+      if (units_[middle] < unit) {
+        first = middle + 1;
+      } else {
+        last = middle + 1;
+      }
+    }
+    for (; first < last; ++first) {
+      if (units_[first] >= unit) return units_[first] == unit ? first : kNone;
+    }
+    return kNone;
   }
 
   std::vector<Node> nodes_;      // one more than there are nodes
