@@ -43,36 +43,45 @@ void ForEachWord(const std::map<std::string, WordList>& vocabularies, Visit&& vi
   struct Cursor {
     const WordList* words;
     size_t next;
+    std::u16string_view word;  // (*words)[next]
     uint32_t vocab;
-    std::u16string_view word() const { return (*words)[next]; }
   };
   std::vector<Cursor> cursors;
   uint32_t vocab = 0;
   for (const auto& [name, words] : vocabularies) {
-    if (!words.empty()) cursors.push_back({&words, 0, vocab});
+    if (!words.empty()) cursors.push_back({&words, 0, words[0], vocab});
     ++vocab;
   }
-  // A heap of cursors whose top holds the least (word, vocabulary).
-  const auto after = [](const Cursor& a, const Cursor& b) {
-    const int order = a.word().compare(b.word());
-    return order != 0 ? order > 0 : a.vocab > b.vocab;
+  const auto before = [](const Cursor& a, const Cursor& b) {
+    const int order = a.word.compare(b.word);
+    return order != 0 ? order < 0 : a.vocab < b.vocab;
   };
-  std::make_heap(cursors.begin(), cursors.end(), after);
+  // A heap whose top holds the least (word, vocabulary). An advanced top is sifted down in
+  // place: half the comparisons of taking it out and putting it back.
+  const auto sift_down = [&](size_t i) {
+    for (size_t child; (child = 2 * i + 1) < cursors.size(); i = child) {
+      if (child + 1 < cursors.size() && before(cursors[child + 1], cursors[child])) ++child;
+      if (!before(cursors[child], cursors[i])) return;
+      std::swap(cursors[child], cursors[i]);
+    }
+  };
+  for (size_t i = cursors.size() / 2; i-- > 0;) sift_down(i);
   std::u16string_view previous;
   while (!cursors.empty()) {
-    std::pop_heap(cursors.begin(), cursors.end(), after);
-    Cursor& least = cursors.back();
-    const std::u16string_view word = least.word();
+    Cursor& least = cursors.front();
+    const std::u16string_view word = least.word;
     const size_t most = std::min(previous.size(), word.size());
     size_t common = 0;
     while (common < most && previous[common] == word[common]) ++common;
     visit(word, least.vocab, common);
     previous = word;
-    if (++least.next == least.words->size()) {
-      cursors.pop_back();
+    if (++least.next < least.words->size()) {
+      least.word = (*least.words)[least.next];
     } else {
-      std::push_heap(cursors.begin(), cursors.end(), after);
+      least = cursors.back();
+      cursors.pop_back();
     }
+    sift_down(0);
   }
 }
 
