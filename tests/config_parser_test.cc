@@ -20,7 +20,7 @@ using std::string_literals::operator""s;
 template <typename Strings>
 std::string Quoted(const Strings& strings) {
   std::string out;
-  for (const std::u16string& s : strings) out += (out.empty() ? "'" : ",'") + Utf16ToUtf8(s) + "'";
+  for (std::u16string_view s : strings) out += (out.empty() ? "'" : ",'") + Utf16ToUtf8(s) + "'";
   return "[" + out + "]";
 }
 
@@ -80,9 +80,10 @@ TEST(ParseNluConfig, ReadsWhatHasTheRightTypeAndSkipsTheRest) {
       {" \r\n{\"version\":12}\t\0{\"version\":13}"s, "v=12"},
       {R"({"vocabMap": {"person": ["b", "a", "b", 5, null, ["c"], "\u4f1a", "\ud83d\ude00"],
            "noWords": [1, {}], "notAnArray": "a", "twice": ["first"], "twice": ["second", "3"],
-           "kept": ["x"], "kept": "y"}, "regexVocabMap": {"person": ["b", "a", "b", 5, "[0-9]+"],
-           "empty": [], "notAnArray": "a", "twice": ["one", "two"], "twice": ["three"]}})",
-       "v=0 V.kept=['x'] V.noWords=[] V.person=['a','b','\u4f1a','\U0001F600'] "
+           "kept": ["x", "x", "y"], "kept": "y"}, "regexVocabMap": {"person": ["b", "a", "b", 5,
+           "[0-9]+"], "empty": [], "notAnArray": "a", "twice": ["one", "two"],
+           "twice": ["three"]}})",
+       "v=0 V.kept=['x','y'] V.noWords=[] V.person=['a','b','\u4f1a','\U0001F600'] "
        "V.twice=['3','second'] R.empty=[] R.person=['b','a','b','[0-9]+'] R.twice=['three']"},
       // Sections of the wrong type are skipped; only the first occurrence of one is read.
       {R"({"version": 2, "vocabMap": [["a"]], "regexVocabMap": ["a"], "intentMap": [{"name": "x"}],

@@ -56,8 +56,7 @@ TEST_F(LoadLocalNluConfigTest, ReadsTheWholeFileUpToItsFirstNulByte) {
     std::optional<NluConfig> config = Load(path, "");
     ASSERT_NE(config, std::nullopt);
     EXPECT_EQ(config->version, 9);
-    EXPECT_EQ(config->vocabMap.at("person"),
-              (std::vector<std::u16string>{u"Tom", u"\u5f20\u4e09"}));
+    EXPECT_EQ(config->vocabMap.at("person"), (WordList{u"Tom", u"\u5f20\u4e09"}));
     EXPECT_EQ(config->vocabMap.at("many").size(), 50000u);
   }
 }

@@ -151,7 +151,7 @@ TEST(Tagger, RefusesQueriesPastTheTagAndLookupBounds) {
     LogCapture cap;
     RegexVocabularies regex_vocabularies;
     if (!patterns.empty()) regex_vocabularies["r"] = patterns;
-    const Tagger tagger({{"w", words}}, regex_vocabularies, {});
+    const Tagger tagger({{"w", WordList(words)}}, regex_vocabularies, {});
     try {
       return tagger.Tag(query).size();
     } catch (const Error&) {
@@ -233,7 +233,9 @@ TEST(Tagger, DictionaryTagsAgreeWithBruteForce) {
     std::map<std::string, std::vector<std::u16string>> vocabularies;
     vocabularies.emplace(names[pick(6)], std::vector<std::u16string>());  // maybe with no word
     for (size_t w = pick(20); w > 0; --w) vocabularies[names[pick(6)]].push_back(text(4));
-    const Tagger tagger(vocabularies, {}, {});
+    std::map<std::string, WordList> lists;
+    for (const auto& [name, words] : vocabularies) lists.emplace(name, WordList(words));
+    const Tagger tagger(lists, {}, {});
     for (int q = 0; q < 10; ++q) {
       std::u16string query = text(24);
       // Now and then a longer query.

@@ -1,5 +1,7 @@
 #include "base/file.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -36,6 +38,19 @@ File OpenForReading(const std::string& path) {
 File OpenForReading(const std::string& path) { return File(std::fopen(path.c_str(), "rb")); }
 #endif
 
+// The size of `file` when it is a regular file, else 0: room to reserve, not a promise.
+size_t SizeHint(FILE* file) {
+#ifdef _WIN32
+  struct _stat64 status;
+  const bool regular =
+      _fstat64(_fileno(file), &status) == 0 && (status.st_mode & _S_IFMT) == _S_IFREG;
+#else
+  struct stat status;
+  const bool regular = fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode);
+#endif
+  return regular ? static_cast<size_t>(status.st_size) : 0;
+}
+
 [[noreturn]] void Fail(const std::string& path, int error) {
   throw Error("cannot read " + path + ": " + std::strerror(error));
 }
@@ -47,6 +62,8 @@ std::string ReadWholeFile(const std::string& path) {
   const File file = OpenForReading(path);
   if (file == nullptr) Fail(path, errno);
   std::string bytes;
+  // Grown by doubling, the text would hold up to twice its size while it is parsed.
+  bytes.reserve(SizeHint(file.get()));
   char chunk[1 << 16];
   size_t count;
   while ((count = std::fread(chunk, 1, sizeof chunk, file.get())) > 0) bytes.append(chunk, count);

@@ -98,13 +98,11 @@ void ParseVocabMap(const rapidjson::Value& root, NluConfig* config) {
   if (map == nullptr) return;
   for (const auto& member : map->GetObject()) {
     if (!member.value.IsArray()) continue;
-    std::vector<std::u16string> words;
-    words.reserve(member.value.Size());
+    WordList::Builder words;
     for (const rapidjson::Value& element : member.value.GetArray()) {
-      if (element.IsString()) words.push_back(WideString(element));
+      if (element.IsString()) words.AddUtf8(element.GetString());
     }
-    SortWords(&words);
-    config->vocabMap[NarrowString(member.name)] = std::move(words);
+    config->vocabMap[NarrowString(member.name)] = words.Build();
   }
 }
 

@@ -22,10 +22,9 @@ NluConfig FromUtf8Config(const Utf8NluConfig& config) {
     out.regexVocabMap.emplace(name, ToUtf16(patterns));
   }
   for (const auto& [name, words] : config.vocabMap) {
-    std::vector<std::u16string>& wide = out.vocabMap[name];
-    wide.reserve(words.size());
-    for (const std::string& word : words) wide.push_back(Utf8ToUtf16(word));
-    SortWords(&wide);  // UTF-8 byte order is not always UTF-16 unit order
+    WordList::Builder wide;
+    for (const std::string& word : words) wide.AddUtf8(word);
+    out.vocabMap[name] = wide.Build();  // UTF-8 byte order is not always UTF-16 unit order
   }
   for (const auto& [key, intent] : config.intentMap) {
     IntentConfig& wide = out.intentMap[key];

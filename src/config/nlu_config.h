@@ -5,12 +5,13 @@
 #ifndef RULENLU_CONFIG_NLU_CONFIG_H_
 #define RULENLU_CONFIG_NLU_CONFIG_H_
 
-#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "config/word_list.h"
 
 namespace rulenlu {
 
@@ -23,18 +24,11 @@ struct IntentConfig {
 
 struct NluConfig {
   int64_t version = 0;
-  // Each vocabulary's words in order (unit by unit), without repeats: see SortWords.
-  std::map<std::string, std::vector<std::u16string>> vocabMap;
+  std::map<std::string, WordList> vocabMap;
   std::map<std::string, std::vector<std::u16string>> regexVocabMap;
   std::map<std::string, IntentConfig> intentMap;
   std::vector<std::pair<std::string, std::u16string>> variableEntrys;
 };
-
-// Puts `words` in order, unit by unit, and drops repeats, as a vocabulary's words are held.
-inline void SortWords(std::vector<std::u16string>* words) {
-  std::sort(words->begin(), words->end());
-  words->erase(std::unique(words->begin(), words->end()), words->end());
-}
 
 }  // namespace rulenlu
 

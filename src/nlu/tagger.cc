@@ -1,15 +1,12 @@
 #include "nlu/tagger.h"
 
 #include <algorithm>
-#include <deque>
-#include <functional>
 #include <string>
 #include <string_view>
 
 #include "base/error.h"
 #include "base/log.h"
 #include "base/text.h"
-#include "config/nlu_config.h"
 
 namespace rulenlu {
 namespace {
@@ -38,13 +35,65 @@ bool FindReference(std::u16string_view text, size_t from, size_t* start, size_t*
   return false;
 }
 
+// Calls visit(word, vocab, common) for every word of every vocabulary, in word order and, for
+// one text, by vocabulary; `common` is the number of units the word shares with the one before.
+// Each vocabulary's words are in order already: merged, not sorted.
+template <typename Visit>
+void ForEachWord(const std::map<std::string, WordList>& vocabularies, Visit&& visit) {
+  struct Cursor {
+    const WordList* words;
+    size_t next;
+    std::u16string_view word;  // (*words)[next]
+    uint32_t vocab;
+  };
+  std::vector<Cursor> cursors;
+  uint32_t vocab = 0;
+  for (const auto& [name, words] : vocabularies) {
+    if (!words.empty()) cursors.push_back({&words, 0, words[0], vocab});
+    ++vocab;
+  }
+  const auto before = [](const Cursor& a, const Cursor& b) {
+    const int order = a.word.compare(b.word);
+    return order != 0 ? order < 0 : a.vocab < b.vocab;
+  };
+  // A heap whose top holds the least (word, vocabulary). An advanced top is sifted down in
+  // place: half the comparisons of taking it out and putting it back.
+  const auto sift_down = [&](size_t i) {
+    for (size_t child; (child = 2 * i + 1) < cursors.size(); i = child) {
+      if (child + 1 < cursors.size() && before(cursors[child + 1], cursors[child])) ++child;
+      if (!before(cursors[child], cursors[i])) return;
+      std::swap(cursors[child], cursors[i]);
+    }
+  };
+  for (size_t i = cursors.size() / 2; i-- > 0;) sift_down(i);
+  std::u16string_view previous;
+  while (!cursors.empty()) {
+    Cursor& least = cursors.front();
+    const std::u16string_view word = least.word;
+    const size_t most = std::min(previous.size(), word.size());
+    size_t common = 0;
+    while (common < most && previous[common] == word[common]) ++common;
+    visit(word, least.vocab, common);
+    previous = word;
+    if (++least.next < least.words->size()) {
+      least.word = (*least.words)[least.next];
+    } else {
+      least = cursors.back();
+      cursors.pop_back();
+    }
+    sift_down(0);
+  }
+}
+
 }  // namespace
 
-// The words of all vocabularies in one trie, flattened into arrays once it is built.
+// The words of all vocabularies in one trie, flattened into arrays. Nodes are numbered breadth
+// first, children in unit order: a node's children are then consecutive, so an edge is only
+// its unit, and each depth's nodes are numbered in the order of their texts.
 class Tagger::WordTrie {
  public:
-  // Vocabulary i is the i-th entry of `vocabularies`.
-  explicit WordTrie(const std::map<std::string, std::vector<std::u16string>>& vocabularies);
+  // Vocabulary i is the i-th entry of `vocabularies` (fewer than 2^31 of them).
+  explicit WordTrie(const std::map<std::string, WordList>& vocabularies);
 
   // Calls visit(vocab, length, word) for every word that `text` begins with, by length and then
   // by vocabulary, `word` numbering its text as QueryTag::word does; stops reading `text` as
@@ -56,27 +105,31 @@ class Tagger::WordTrie {
     for (size_t length = 1; length <= text.size(); ++length) {
       node = Child(node, text[length - 1]);
       if (node == kNone) return length;
-      for (uint32_t i = nodes_[node].first_end; i < nodes_[node + 1].first_end; ++i) {
-        visit(ends_[i], length, node);
-      }
+      const uint32_t first = nodes_[node].first_end;
+      if (first == kNoEnd) continue;
+      uint32_t i = first;
+      uint32_t end;
+      do {
+        end = ends_[i++];
+        visit(end & ~kLastEnd, length, first);
+      } while ((end & kLastEnd) == 0);
     }
     return text.size();
   }
 
  private:
   static constexpr uint32_t kNone = 0;  // the root is never anyone's child
+  static constexpr uint32_t kNoEnd = UINT32_MAX;
+  // Marks, in ends_, the last vocabulary of a text.
+  static constexpr uint32_t kLastEnd = uint32_t{1} << 31;
 
-  // A node's edges are edges_[first_edge, next node's first_edge), ascending by unit; the
-  // vocabularies having a word that ends there, ends_[first_end, next node's first_end),
-  // ascending. Both in one place, and an edge's unit beside its child: a step down the trie
-  // reads few cache lines.
+  // A node's children are the nodes [first_child, next node's first_child), ascending by unit.
+  // The vocabularies having a word that ends there are ends_[first_end...] up to the one marked
+  // kLastEnd, ascending (kNoEnd: none). ends_ holds the texts' vocabularies in the order of the
+  // texts, so first_end also numbers the node's text as QueryTag::word does.
   struct Node {
-    uint32_t first_edge;
+    uint32_t first_child;
     uint32_t first_end;
-  };
-  struct Edge {
-    char16_t unit;
-    uint32_t child;
   };
 
   uint32_t Child(uint32_t node, char16_t unit) const {
@@ -86,131 +139,81 @@ class Tagger::WordTrie {
       const uint32_t block = root_blocks_[unit >> 8];
       return block == kNoBlock ? kNone : root_children_[block + (unit & 0xff)];
     }
-    const Edge* begin = edges_.data() + nodes_[node].first_edge;
-    const Edge* end = edges_.data() + nodes_[node + 1].first_edge;
-    const Edge* it = std::lower_bound(begin, end, unit,
-                                      [](const Edge& edge, char16_t u) { return edge.unit < u; });
-    return it != end && it->unit == unit ? it->child : kNone;
+    // Most nodes below the root have one child or a few: halved down to a few, then scanned.
+    uint32_t first = nodes_[node].first_child;
+    uint32_t last = nodes_[node + 1].first_child;
+    while (last - first > 4) {
+      const uint32_t middle = first + (last - first) / 2;
+      if (units_[middle] < unit) {
+        first = middle + 1;
+      } else {
+        last = middle + 1;
+      }
+    }
+    for (; first < last; ++first) {
+      if (units_[first] >= unit) return units_[first] == unit ? first : kNone;
+    }
+    return kNone;
   }
 
-  std::vector<Node> nodes_;  // one more than there are nodes
+  std::vector<Node> nodes_;      // one more than there are nodes
+  std::vector<char16_t> units_;  // per node, the unit of the edge that leads to it
+  std::vector<uint32_t> ends_;
   // Per block of 256 units, where its children of the root start in root_children_ (kNoBlock:
   // no child), kNone for a unit with no child.
   static constexpr uint32_t kNoBlock = UINT32_MAX;
   std::vector<uint32_t> root_blocks_;
   std::vector<uint32_t> root_children_;
-  std::vector<Edge> edges_;
-  std::vector<uint32_t> ends_;
 };
 
-Tagger::WordTrie::WordTrie(const std::map<std::string, std::vector<std::u16string>>& vocabularies) {
-  // Every (word, vocabulary) in word order: then a node's children are made in unit order, each
-  // word shares with the one before it exactly the nodes of their common prefix, and nodes are
-  // numbered in the order of their texts. Each vocabulary's words are in order already: merged,
-  // not sorted.
-  struct Entry {
-    const std::u16string* word;
-    uint32_t vocab;
-  };
-  struct Cursor {
-    std::vector<std::u16string>::const_iterator next, end;
-    uint32_t vocab;
-  };
-  std::vector<Cursor> cursors;
-  std::deque<std::vector<std::u16string>> sorted;  // copies of the vocabularies out of order
-  size_t total = 0;
-  uint32_t vocab = 0;
-  for (const auto& [name, given] : vocabularies) {
-    const std::vector<std::u16string>* words = &given;
-    if (std::adjacent_find(given.begin(), given.end(), std::greater_equal<>()) != given.end()) {
-      SortWords(&sorted.emplace_back(given));
-      words = &sorted.back();
-    }
-    if (!words->empty()) cursors.push_back({words->begin(), words->end(), vocab});
-    total += words->size();
-    ++vocab;
-  }
-  // A heap of cursors whose top holds the least (word, vocabulary).
-  const auto after = [](const Cursor& a, const Cursor& b) {
-    const int order = a.next->compare(*b.next);
-    return order != 0 ? order > 0 : a.vocab > b.vocab;
-  };
-  std::make_heap(cursors.begin(), cursors.end(), after);
-  std::vector<Entry> entries;
-  entries.reserve(total);
-  while (!cursors.empty()) {
-    std::pop_heap(cursors.begin(), cursors.end(), after);
-    Cursor& least = cursors.back();
-    entries.push_back({&*least.next, least.vocab});
-    if (++least.next == least.end) {
-      cursors.pop_back();
-    } else {
-      std::push_heap(cursors.begin(), cursors.end(), after);
-    }
-  }
-
-  // The nodes are counted first, so that the links are made in arrays of their final sizes.
-  std::vector<uint32_t> common(entries.size());  // units shared with the word before
-  size_t edge_count = 0;
-  for (size_t e = 0; e < entries.size(); ++e) {
-    const std::u16string& word = *entries[e].word;
-    if (e > 0) {
-      const std::u16string& previous = *entries[e - 1].word;
-      const size_t most = std::min(previous.size(), word.size());
-      while (common[e] < most && previous[common[e]] == word[common[e]]) ++common[e];
-    }
-    edge_count += word.size() - common[e];
-  }
-  // A link leaves node `from`: an edge, whose child is the node made with it (edge i makes node
-  // i + 1), or a word's end.
-  struct Link {
-    uint32_t from;
-    uint32_t payload;  // an edge's unit, or an end's vocabulary
-  };
-  std::vector<Link> edges;
-  edges.reserve(edge_count);
-  std::vector<Link> ends;
-  ends.reserve(entries.size());
-  const auto nodes = static_cast<uint32_t>(edge_count + 1);
-  std::vector<uint32_t> path = {0};  // path[d]: the node after the previous word's first d units
-  for (size_t e = 0; e < entries.size(); ++e) {
-    const std::u16string& word = *entries[e].word;
-    path.resize(common[e] + 1);
-    for (size_t d = common[e]; d < word.size(); ++d) {
-      edges.push_back({path[d], word[d]});
-      path.push_back(static_cast<uint32_t>(edges.size()));
-    }
-    ends.push_back({path[word.size()], entries[e].vocab});
-  }
-  std::vector<uint32_t>().swap(common);
-  std::vector<Entry>().swap(entries);
-
-  // Grouped by node, keeping the order they were made in (units and vocabularies ascending);
-  // each link array freed once placed.
-  const auto from = [](const std::vector<Link>& links) {
-    return [&links](size_t i) { return links[i].from; };
-  };
-  std::vector<uint32_t> first_edge;
-  edges_.resize(edges.size());
-  PlaceByKey(edges.size(), nodes, from(edges), &first_edge, [&](uint32_t i, uint32_t position) {
-    edges_[position] = {static_cast<char16_t>(edges[i].payload), i + 1};
+Tagger::WordTrie::WordTrie(const std::map<std::string, WordList>& vocabularies) {
+  // The words in order reach each depth's nodes in the order of their texts, which is their
+  // breadth-first order: once the nodes of each depth are counted, a second pass numbers every
+  // node as it is made, and the arrays are made at their final sizes.
+  std::vector<uint32_t> depth_first = {0, 1};  // per depth, its first node (then its next)
+  size_t ends = 0;
+  ForEachWord(vocabularies, [&](std::u16string_view word, uint32_t, size_t common) {
+    if (depth_first.size() < word.size() + 2) depth_first.resize(word.size() + 2, 0);
+    for (size_t d = common + 1; d <= word.size(); ++d) ++depth_first[d + 1];
+    ends += word.empty() ? 0 : 1;
   });
-  std::vector<Link>().swap(edges);
-  std::vector<uint32_t> first_end;
-  ends_.resize(ends.size());
-  PlaceByKey(ends.size(), nodes, from(ends), &first_end,
-             [&](uint32_t i, uint32_t position) { ends_[position] = ends[i].payload; });
-  std::vector<Link>().swap(ends);
-  nodes_.reserve(first_edge.size());
-  for (size_t n = 0; n < first_edge.size(); ++n) nodes_.push_back({first_edge[n], first_end[n]});
+  for (size_t d = 2; d < depth_first.size(); ++d) depth_first[d] += depth_first[d - 1];
+  const uint32_t nodes = depth_first.back();
+  nodes_.assign(nodes + size_t{1}, Node{kNone, kNoEnd});
+  units_.assign(nodes, 0);
+  ends_.reserve(ends);
+  std::vector<uint32_t> path = {0};  // path[d]: the node after the previous word's first d units
+  ForEachWord(vocabularies, [&](std::u16string_view word, uint32_t vocab, size_t common) {
+    if (word.empty()) return;  // never looked up
+    path.resize(common + 1);
+    for (size_t d = common; d < word.size(); ++d) {
+      const uint32_t node = depth_first[d + 1]++;
+      units_[node] = word[d];
+      if (nodes_[path[d]].first_child == kNone) nodes_[path[d]].first_child = node;
+      path.push_back(node);
+    }
+    // The same text in another vocabulary: its ends continue.
+    Node& end = nodes_[path.back()];
+    if (end.first_end != kNoEnd) {
+      ends_.back() &= ~kLastEnd;
+    } else {
+      end.first_end = static_cast<uint32_t>(ends_.size());
+    }
+    ends_.push_back(vocab | kLastEnd);
+  });
+  // A node without children has them, none, where the next node's begin.
+  nodes_[nodes].first_child = nodes;
+  for (uint32_t n = nodes; n-- > 0;) {
+    if (nodes_[n].first_child == kNone) nodes_[n].first_child = nodes_[n + 1].first_child;
+  }
   root_blocks_.assign(256, kNoBlock);
-  for (uint32_t e = nodes_[0].first_edge; e < nodes_[1].first_edge; ++e) {
-    uint32_t& block = root_blocks_[edges_[e].unit >> 8];
+  for (uint32_t child = nodes_[0].first_child; child < nodes_[1].first_child; ++child) {
+    uint32_t& block = root_blocks_[units_[child] >> 8];
     if (block == kNoBlock) {
       block = static_cast<uint32_t>(root_children_.size());
       root_children_.resize(root_children_.size() + 256, kNone);
     }
-    root_children_[block + (edges_[e].unit & 0xff)] = edges_[e].child;
+    root_children_[block + (units_[child] & 0xff)] = child;
   }
 }
 
@@ -276,7 +279,7 @@ std::optional<std::u16string> ExpandVariables(
   return text;
 }
 
-Tagger::Tagger(const std::map<std::string, std::vector<std::u16string>>& vocab_map,
+Tagger::Tagger(const std::map<std::string, WordList>& vocab_map,
                std::map<std::string, std::vector<std::u16string>> regex_vocab_map,
                const std::vector<std::pair<std::string, std::u16string>>& variable_entries)
     : trie_(std::make_unique<WordTrie>(vocab_map)) {

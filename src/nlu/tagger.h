@@ -18,6 +18,7 @@
 
 #include "base/placement.h"
 #include "base/records.h"
+#include "config/word_list.h"
 #include "nlu/regex.h"
 
 namespace rulenlu {
@@ -79,9 +80,7 @@ SlotMatch ToSlot(const QueryTag& tag, const std::vector<std::string>& vocab_name
 
 class Tagger {
  public:
-  // Keeps the vocabularies for dictionary lookup (a vocabulary's words may come in any order,
-  // with repeats; in order without repeats, as SortWords leaves them, they are read as they
-  // are), expands the ${name} variable references of the
+  // Keeps the vocabularies for dictionary lookup, expands the ${name} variable references of the
   // regex vocabularies and compiles every expanded pattern. Logs "3333333333333333333333333",
   // then one "new regex:" line per expanded pattern, then one "pattern:" line per pattern.
   // Variables expand in list order: a value may refer only to variables listed before it, and of
@@ -92,7 +91,7 @@ class Tagger {
   // that it logs "variable expansion too long:" naming the variable and what it was expanded in.
   // Throws RegexError when an expanded pattern does not compile, and ConversionError when a
   // variable name or pattern is not convertible between UTF-8 and UTF-16.
-  Tagger(const std::map<std::string, std::vector<std::u16string>>& vocab_map,
+  Tagger(const std::map<std::string, WordList>& vocab_map,
          std::map<std::string, std::vector<std::u16string>> regex_vocab_map,
          const std::vector<std::pair<std::string, std::u16string>>& variable_entries);
   ~Tagger();
