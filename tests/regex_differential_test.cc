@@ -45,6 +45,43 @@ std::string Printable(const std::u16string& text) {
 const std::u16string kTextAlphabet = std::u16string(u"abcA01 \n\r_-.]") + u'\0' +
                                      u"\b\u00E9\u2028\u00A0\U0001F600\u0085\u3000\u0661";
 
+// A text that `index` of `tree` may match, made by random choices along it (assertions taken
+// as holding): a text that most patterns match whole.
+void Sample(const RegexTree& tree, size_t index, std::mt19937* random, std::u16string* text) {
+  const RegexNode& node = tree.nodes[index];
+  switch (node.kind) {
+    case RegexNode::kChar:
+      text->push_back(node.unit);
+      break;
+    case RegexNode::kSet: {
+      const auto& ranges = tree.sets[node.index];
+      if (ranges.empty()) break;
+      const auto [first, last] = ranges[(*random)() % ranges.size()];
+      if (first <= last)
+        text->push_back(static_cast<char16_t>(first + (*random)() % (last - first + 1)));
+      break;
+    }
+    case RegexNode::kAlt:
+      if (!node.kids.empty()) Sample(tree, node.kids[(*random)() % node.kids.size()], random, text);
+      break;
+    case RegexNode::kRepeat: {
+      const uint64_t most = node.infinite ? node.min + 2 : std::min(node.max, node.min + 2);
+      for (uint64_t n = node.min + (*random)() % (most - node.min + 1); n > 0 && text->size() <= 8;
+           --n) {
+        Sample(tree, node.kids[0], random, text);
+      }
+      break;
+    }
+    case RegexNode::kGroup:
+    case RegexNode::kNoGroup:
+    case RegexNode::kConcat:
+      for (const size_t kid : node.kids) Sample(tree, kid, random, text);
+      break;
+    default:
+      break;
+  }
+}
+
 class PatternMaker {
  public:
   PatternMaker(std::mt19937* random, RegexGrammar grammar)
@@ -217,12 +254,13 @@ struct Tally {
   size_t searches = 0;
   size_t longer_posix_searches = 0;
   size_t ruled_out = 0;  // searches a finder answered without a search
+  size_t finite = 0;     // POSIX patterns that name the texts they match
   size_t failures = 0;
 };
 
 // Compares one pattern on `texts`; records differences as test failures.
-void Compare(const std::u16string& pattern, RegexGrammar grammar,
-             const std::vector<std::u16string>& texts, Tally* tally) {
+void Compare(const std::u16string& pattern, RegexGrammar grammar, std::vector<std::u16string> texts,
+             Tally* tally) {
   ++tally->patterns;
   const std::string shown = (grammar == E ? "E /" : "P /") + Printable(pattern) + "/";
   if (std::getenv("RULENLU_REGEX_TRACE") != nullptr) std::fprintf(stderr, "%s\n", shown.c_str());
@@ -255,8 +293,15 @@ void Compare(const std::u16string& pattern, RegexGrammar grammar,
   const std::unique_ptr<RegexSet> rules =
       grammar == P ? std::make_unique<RegexSet>(std::vector<std::u16string>{pattern}) : nullptr;
   if (rules != nullptr && !rules->compiled(0)) fail("rejected as a rule: " + rules->error(0));
+  // Beside a rule no automaton reads, it is answered by its texts or an expression instead.
+  const std::unique_ptr<RegexSet> rules_apart =
+      grammar == P ? std::make_unique<RegexSet>(std::vector<std::u16string>{pattern, u"q{20000}"})
+                   : nullptr;
+  const RegexTree tree = TranslateRegex(pattern, grammar).tree;
   // Whole matches are as long as the pattern's length bounds allow.
-  const LengthRange lengths = MatchLengths(TranslateRegex(pattern, grammar).tree);
+  const LengthRange lengths = MatchLengths(tree);
+  std::vector<std::u16string> matches;
+  tally->finite += grammar == P && FiniteMatches(tree, 8, 64, &matches);
   for (const std::u16string& text : texts) {
     ++tally->texts;
     const std::wstring wide(text.begin(), text.end());
@@ -275,6 +320,10 @@ void Compare(const std::u16string& pattern, RegexGrammar grammar,
       }
       if (rules != nullptr && rules->AnyFullMatch(subject) != whole) {
         fail(std::string("rule set's whole match ") + (whole ? "missed" : "found") + where);
+      }
+      if (rules_apart != nullptr && (rules_apart->AnyFullMatch(subject) != whole ||
+                                     (whole && rules_apart->LivePrefix(text) != text.size()))) {
+        fail(std::string("rule set's whole match, apart, ") + (whole ? "missed" : "found") + where);
       }
       for (size_t from = 0; from <= text.size(); ++from) {
         ++tally->searches;
@@ -360,18 +409,29 @@ TEST(RegexDifferential, AgreesWithTheStandardLibrary) {
         text += kTextAlphabet[random() % kTextAlphabet.size()];
       texts.push_back(text);
     }
+    try {
+      const RegexTree tree = TranslateRegex(pattern, grammar).tree;
+      for (int t = 0; t < 2; ++t) {
+        std::u16string text;
+        Sample(tree, tree.root, &random, &text);
+        if (text.size() <= 8) texts.push_back(text);  // longer ones take the reference long
+      }
+    } catch (const RegexError&) {
+      // Compare reports what it must.
+    }
     Compare(pattern, grammar, texts, &tally);
   }
   std::printf(
       "seed %zu: %zu patterns (%zu rejected by both, %zu deliberately by ours), "
       "%zu pattern-text cases, %zu searches (%zu found none by the finder alone, %zu POSIX ones "
-      "longer than the reference's), %zu differences\n",
+      "longer than the reference's), %zu POSIX patterns naming their texts, %zu differences\n",
       seed, tally.patterns, tally.rejected_by_both, tally.deliberately_rejected, tally.texts,
-      tally.searches, tally.ruled_out, tally.longer_posix_searches, tally.failures);
+      tally.searches, tally.ruled_out, tally.longer_posix_searches, tally.finite, tally.failures);
   EXPECT_EQ(tally.failures, 0u);
   // The generator must mostly make patterns both accept, or the comparison says little.
   EXPECT_GT(tally.texts, 100000u);
   EXPECT_GT(tally.ruled_out, tally.searches / 10);
+  EXPECT_GT(tally.finite, tally.patterns / 20);
 }
 
 }  // namespace

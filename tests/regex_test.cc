@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/text.h"
+#include "nlu/regex_texts.h"
 #include "regex_reference.h"
 
 namespace rulenlu {
@@ -297,6 +298,36 @@ TEST(Regex, SetMatchesLikeItsRulesInOrder) {
   EXPECT_GT(matched[7], 0u);  // the empty text
   EXPECT_GT(std::count_if(matched.end() - 150, matched.end(), [](size_t n) { return n > 0; }), 10);
   EXPECT_EQ(RegexSet({}).FirstFullMatch(RegexSubject(u"")), RegexSet::kNoMatch);
+}
+
+// Looking texts up answers as a scan of them all would: the lowest rule of an equal text, and
+// the longest prefix shared with any text; over many blocks of texts sharing beginnings.
+TEST(Regex, RuleTextsAnswerAsAScanOfThem) {
+  std::mt19937 random(5);
+  auto make = [&](size_t longest) {
+    std::u16string text;
+    for (size_t n = random() % (longest + 1); n > 0; --n) text += u"abc"[random() % 3];
+    return text;
+  };
+  std::vector<std::pair<std::u16string, uint32_t>> given;
+  for (uint32_t i = 0; i < 400; ++i) given.emplace_back(make(7), i % 150);
+  const RuleTexts texts(given);
+  for (int i = 0; i < 3000; ++i) {
+    const std::u16string text = make(9);
+    size_t rule = RuleTexts::kNoMatch;
+    size_t live = 0;
+    for (const auto& [other, other_rule] : given) {
+      if (other == text) rule = std::min<size_t>(rule, other_rule);
+      size_t common = 0;
+      while (common < std::min(text.size(), other.size()) && text[common] == other[common]) {
+        ++common;
+      }
+      live = std::max(live, common);
+    }
+    EXPECT_EQ(texts.Find(text), rule) << Utf16ToUtf8(text);
+    EXPECT_EQ(texts.LivePrefix(text), live) << Utf16ToUtf8(text);
+  }
+  EXPECT_EQ(RuleTexts().Find(u""), RuleTexts::kNoMatch);
 }
 
 // Rules that each fit the matcher but not together are still answered, in order.

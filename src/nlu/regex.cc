@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "nlu/regex_automaton.h"
+#include "nlu/regex_texts.h"
 #include "nlu/regex_translate.h"
 
 namespace rulenlu {
@@ -26,6 +27,14 @@ constexpr size_t kDfaWorkspaceInts = 16384;
 // Most transitions of a RegexSet's automaton (4 bytes each); larger sets are matched by
 // compiled expressions.
 constexpr size_t kMaxAutomatonCells = size_t{1} << 18;
+// Tree nodes of a RegexSet's rules together beyond which no automaton is tried and the trees
+// are not kept: rules so large together seldom fit one, and their trees take more memory than
+// the compiled rules.
+constexpr size_t kMaxAutomatonNodes = size_t{1} << 15;
+// A RegexSet's rule that matches at most this many texts, none longer than kMaxRuleTextUnits,
+// is answered by looking its texts up.
+constexpr size_t kMaxRuleTexts = 32;
+constexpr size_t kMaxRuleTextUnits = 1024;
 // Longest translated text compiled as one part of a RegexSet.
 constexpr size_t kMaxSetPartLength = 16384;
 // Compiled size, in bytes, from which a rule may be near the matcher's limit on one expression.
@@ -302,9 +311,11 @@ bool Regex::FullMatch(const RegexSubject& subject) const {
 
 struct RegexSet::Impl {
   std::vector<std::string> errors;  // per rule; empty when it compiled
-  // The rules as one deterministic automaton when they allow a small one; otherwise compiled
-  // expressions, each rule in one part.
+  // The rules as one deterministic automaton when they allow a small one; otherwise the texts
+  // of the rules that match a few known ones, and compiled expressions, each other rule in one
+  // part.
   std::optional<RuleAutomaton> automaton;
+  RuleTexts texts;
   std::vector<SetPart> parts;
   // Per key (sorted): the parts whose rules may begin with a unit of that key, with the parts of
   // rules whose first units are not known (`unknown`), in order of their first rule. A text
@@ -317,26 +328,47 @@ struct RegexSet::Impl {
 RegexSet::RegexSet(const std::vector<std::u16string>& patterns) : impl_(std::make_unique<Impl>()) {
   impl_->errors.resize(patterns.size());
   std::vector<std::string> translated(patterns.size());
+  // The trees, for an automaton, while they stay small enough for one.
   std::vector<RegexTree> trees(patterns.size());
   std::vector<const RegexTree*> compiled(patterns.size(), nullptr);
+  size_t nodes = 0;
   std::vector<LengthRange> lengths(patterns.size());
-  // Rules grouped by the keys they may begin with (none: not known). A group is compiled once
-  // and tried for each of its keys, so no rule is compiled twice.
+  std::vector<std::pair<std::u16string, uint32_t>> texts;
+  // Rules that are not looked up as texts, grouped by the keys they may begin with (none: not
+  // known). A group is compiled once and tried for each of its keys, so no rule is compiled
+  // twice.
   std::map<std::vector<char16_t>, std::vector<size_t>> groups;
   for (size_t i = 0; i < patterns.size(); ++i) {
     try {
       TranslatedRegex translation = TranslateRegex(patterns[i], RegexGrammar::kPosixExtended);
-      translated[i] = std::move(translation.pcre);
-      groups[CheckSetRule(translated[i])].push_back(i);
-      trees[i] = std::move(translation.tree);
-      compiled[i] = &trees[i];
-      lengths[i] = MatchLengths(trees[i]);
+      const std::vector<char16_t> keys = CheckSetRule(translation.pcre);
+      std::vector<std::u16string> matches;
+      if (i < UINT32_MAX &&
+          FiniteMatches(translation.tree, kMaxRuleTexts, kMaxRuleTextUnits, &matches)) {
+        for (std::u16string& text : matches) texts.emplace_back(std::move(text), i);
+      } else {
+        translated[i] = std::move(translation.pcre);
+        lengths[i] = MatchLengths(translation.tree);
+        groups[keys].push_back(i);
+      }
+      nodes += translation.tree.nodes.size();
+      if (nodes <= kMaxAutomatonNodes) {
+        trees[i] = std::move(translation.tree);
+        compiled[i] = &trees[i];
+      } else if (!trees.empty()) {
+        trees = std::vector<RegexTree>();
+      }
     } catch (const RegexError& e) {
       impl_->errors[i] = e.what();
     }
   }
-  impl_->automaton = RuleAutomaton::Build(compiled, kMaxAutomatonCells);
-  if (impl_->automaton.has_value()) return;
+  if (nodes <= kMaxAutomatonNodes) {
+    impl_->automaton = RuleAutomaton::Build(compiled, kMaxAutomatonCells);
+    if (impl_->automaton.has_value()) return;
+  }
+  trees = std::vector<RegexTree>();
+  impl_->texts = RuleTexts(std::move(texts));
+
   std::map<char16_t, std::vector<size_t>> keyed;
   for (const auto& [keys, rules] : groups) {
     const size_t begin = impl_->parts.size();
@@ -370,12 +402,13 @@ const std::string& RegexSet::error(size_t index) const { return impl_->errors.at
 
 size_t RegexSet::LivePrefix(std::u16string_view text) const {
   if (impl_->automaton.has_value()) return impl_->automaton->LivePrefix(text);
-  // Only the first unit is known.
-  if (text.empty() || !impl_->unknown.empty() ||
-      std::binary_search(impl_->keys.begin(), impl_->keys.end(), FoldUnit(text[0]))) {
+  // Of the compiled expressions, only the first unit is known.
+  if (!impl_->parts.empty() &&
+      (text.empty() || !impl_->unknown.empty() ||
+       std::binary_search(impl_->keys.begin(), impl_->keys.end(), FoldUnit(text[0])))) {
     return text.size();
   }
-  return 0;
+  return impl_->texts.LivePrefix(text);
 }
 
 size_t RegexSet::FirstFullMatch(const RegexSubject& subject) const {
@@ -392,8 +425,9 @@ size_t RegexSet::FirstFullMatch(const RegexSubject& subject) const {
     }
   }
   // A part's first rule above the best match so far: so are all the rules left.
+  const size_t text = impl_->texts.Find(subject.units_);
+  size_t best = text == RuleTexts::kNoMatch ? kNoMatch : text;
   MatchResources& resources = MatchResources::ForThisThread();
-  size_t best = kNoMatch;
   for (const size_t index : *parts) {
     const SetPart& part = impl_->parts[index];
     if (part.first >= best) break;

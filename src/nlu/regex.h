@@ -155,7 +155,8 @@ class RegexFinder {
 // given order, that matches a whole text. Each rule compiles or not exactly as a Regex of its
 // own would; rules that do not compile take no part in matching and keep their reason. Rules
 // without back-references whose deterministic automaton stays small are answered by that
-// automaton, one step per unit of the text and never beyond a bound; others as a Regex is.
+// automaton, one step per unit of the text and never beyond a bound; otherwise rules that match
+// only a few texts by looking the text up, also never beyond a bound; others as a Regex is.
 class RegexSet {
  public:
   static constexpr size_t kNoMatch = SIZE_MAX;

@@ -1123,8 +1123,96 @@ LengthRange LengthsFrom(const RegexTree& tree, size_t index) {
   }
 }
 
+// The texts `index` matches, into `*out`, within the bounds of FiniteMatches.
+class FiniteTexts {
+ public:
+  FiniteTexts(const RegexTree& tree, size_t most, size_t most_units)
+      : tree_(tree), most_(most), most_units_(most_units) {}
+
+  bool From(size_t index, std::vector<std::u16string>* out) const {
+    const RegexNode& node = tree_.nodes[index];
+    switch (node.kind) {
+      case RegexNode::kChar:
+        *out = {std::u16string(1, node.unit)};
+        return true;
+      case RegexNode::kSet: {
+        out->clear();
+        for (const auto& [first, last] : tree_.sets[node.index]) {
+          for (uint32_t unit = first; unit <= last; ++unit) {
+            if (out->size() == most_) return false;
+            out->emplace_back(1, static_cast<char16_t>(unit));
+          }
+        }
+        return true;
+      }
+      case RegexNode::kGroup:
+      case RegexNode::kNoGroup:
+        return From(node.kids[0], out);
+      case RegexNode::kConcat:
+        *out = {std::u16string()};
+        for (const size_t kid : node.kids) {
+          std::vector<std::u16string> next;
+          if (!From(kid, &next) || !Append(next, out)) return false;
+        }
+        return true;
+      case RegexNode::kAlt: {
+        out->clear();
+        if (node.kids.empty()) return false;
+        for (const size_t kid : node.kids) {
+          std::vector<std::u16string> next;
+          if (!From(kid, &next) || out->size() + next.size() > most_) return false;
+          out->insert(out->end(), next.begin(), next.end());
+        }
+        return true;
+      }
+      case RegexNode::kRepeat: {
+        std::vector<std::u16string> once;
+        if (node.infinite || node.max > most_units_ || !From(node.kids[0], &once)) return false;
+        // The texts of min copies, then of each further copy up to max.
+        *out = {std::u16string()};
+        for (uint64_t i = 0; i < node.min; ++i) {
+          if (!Append(once, out)) return false;
+        }
+        std::vector<std::u16string> longer = *out;
+        for (uint64_t i = node.min; i < node.max; ++i) {
+          if (!Append(once, &longer) || out->size() + longer.size() > most_) return false;
+          out->insert(out->end(), longer.begin(), longer.end());
+        }
+        return true;
+      }
+      default:  // anchors, word bounds, lookaheads, back-references
+        return false;
+    }
+  }
+
+ private:
+  // `*texts` followed by each of `next`.
+  bool Append(const std::vector<std::u16string>& next, std::vector<std::u16string>* texts) const {
+    if (texts->size() * next.size() > most_) return false;
+    std::vector<std::u16string> joined;
+    joined.reserve(texts->size() * next.size());
+    for (const std::u16string& text : *texts) {
+      for (const std::u16string& tail : next) {
+        if (text.size() + tail.size() > most_units_) return false;
+        joined.push_back(text + tail);
+      }
+    }
+    texts->swap(joined);
+    return true;
+  }
+
+  const RegexTree& tree_;
+  size_t most_;
+  size_t most_units_;
+};
+
 }  // namespace
 
 LengthRange MatchLengths(const RegexTree& tree) { return LengthsFrom(tree, tree.root); }
+
+bool FiniteMatches(const RegexTree& tree, size_t most, size_t most_units,
+                   std::vector<std::u16string>* texts) {
+  return FiniteTexts(tree, most, most_units).From(tree.root, texts);
+}
 
 }  // namespace rulenlu

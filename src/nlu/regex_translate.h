@@ -68,6 +68,13 @@ struct LengthRange {
 // longer than `most` (a back-reference counts as any length).
 LengthRange MatchLengths(const RegexTree& tree);
 
+// Sets `*texts` to every text that `tree` matches whole (in no particular order, perhaps with
+// repeats) and returns true, when there are at most `most` of them, each at most
+// `most_units` long; otherwise returns false. Trees with anchors, word bounds, lookaheads or
+// back-references give false.
+bool FiniteMatches(const RegexTree& tree, size_t most, size_t most_units,
+                   std::vector<std::u16string>* texts);
+
 struct TranslatedRegex {
   std::string pcre;          // ASCII PCRE2 pattern, unanchored; matches what `pattern` matches
   size_t capture_count = 0;  // capturing groups kept in `pcre` (only back-referenced ones)
