@@ -255,6 +255,7 @@ struct Tally {
   size_t longer_posix_searches = 0;
   size_t ruled_out = 0;  // searches a finder answered without a search
   size_t finite = 0;     // POSIX patterns that name the texts they match
+  size_t contained = 0;  // texts that every whole match of a POSIX pattern was said to hold
   size_t failures = 0;
 };
 
@@ -290,8 +291,15 @@ void Compare(const std::u16string& pattern, RegexGrammar grammar, std::vector<st
   const std::unique_ptr<RegexFinder> finder =
       grammar == E ? std::make_unique<RegexFinder>(std::vector<std::u16string>{pattern}) : nullptr;
   // A rule set of this one pattern answers whole matches its own way (an automaton).
+  // It also tells which texts every whole match contains.
+  static const std::vector<std::u16string> kWatched = {u"a",  u"b",   u"ab", u"ba",
+                                                       u"aa", u"abc", u"0",  u" a"};
   const std::unique_ptr<RegexSet> rules =
-      grammar == P ? std::make_unique<RegexSet>(std::vector<std::u16string>{pattern}) : nullptr;
+      grammar == P ? std::make_unique<RegexSet>(std::vector<std::u16string>{pattern}, kWatched)
+                   : nullptr;
+  if (rules != nullptr && rules->compiled(0)) {
+    for (size_t w = 0; w < kWatched.size(); ++w) tally->contained += rules->AlwaysContains(w);
+  }
   if (rules != nullptr && !rules->compiled(0)) fail("rejected as a rule: " + rules->error(0));
   // Beside a rule no automaton reads, it is answered by its texts or an expression instead.
   const std::unique_ptr<RegexSet> rules_apart =
@@ -320,6 +328,12 @@ void Compare(const std::u16string& pattern, RegexGrammar grammar, std::vector<st
       }
       if (rules != nullptr && rules->AnyFullMatch(subject) != whole) {
         fail(std::string("rule set's whole match ") + (whole ? "missed" : "found") + where);
+      }
+      for (size_t w = 0; whole && rules != nullptr && w < kWatched.size(); ++w) {
+        if (rules->AlwaysContains(w) && text.find(kWatched[w]) == std::u16string::npos) {
+          fail("whole match without \"" + Printable(kWatched[w]) +
+               "\", which every match was said to hold" + where);
+        }
       }
       if (rules_apart != nullptr && (rules_apart->AnyFullMatch(subject) != whole ||
                                      (whole && rules_apart->LivePrefix(text) != text.size()))) {
@@ -424,14 +438,17 @@ TEST(RegexDifferential, AgreesWithTheStandardLibrary) {
   std::printf(
       "seed %zu: %zu patterns (%zu rejected by both, %zu deliberately by ours), "
       "%zu pattern-text cases, %zu searches (%zu found none by the finder alone, %zu POSIX ones "
-      "longer than the reference's), %zu POSIX patterns naming their texts, %zu differences\n",
+      "longer than the reference's), %zu POSIX patterns naming their texts, %zu texts every "
+      "match holds, %zu differences\n",
       seed, tally.patterns, tally.rejected_by_both, tally.deliberately_rejected, tally.texts,
-      tally.searches, tally.ruled_out, tally.longer_posix_searches, tally.finite, tally.failures);
+      tally.searches, tally.ruled_out, tally.longer_posix_searches, tally.finite, tally.contained,
+      tally.failures);
   EXPECT_EQ(tally.failures, 0u);
   // The generator must mostly make patterns both accept, or the comparison says little.
   EXPECT_GT(tally.texts, 100000u);
   EXPECT_GT(tally.ruled_out, tally.searches / 10);
   EXPECT_GT(tally.finite, tally.patterns / 20);
+  EXPECT_GT(tally.contained, tally.patterns / 40);
 }
 
 }  // namespace

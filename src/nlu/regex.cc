@@ -323,10 +323,15 @@ struct RegexSet::Impl {
   std::vector<char16_t> keys;
   std::vector<std::vector<size_t>> keyed;
   std::vector<size_t> unknown;
+  std::vector<bool> contained;  // per watched text
 };
 
-RegexSet::RegexSet(const std::vector<std::u16string>& patterns) : impl_(std::make_unique<Impl>()) {
+RegexSet::RegexSet(const std::vector<std::u16string>& patterns,
+                   const std::vector<std::u16string>& watched)
+    : impl_(std::make_unique<Impl>()) {
   impl_->errors.resize(patterns.size());
+  impl_->contained.assign(watched.size(), false);
+  bool any_compiled = false;
   std::vector<std::string> translated(patterns.size());
   // The trees, for an automaton, while they stay small enough for one.
   std::vector<RegexTree> trees(patterns.size());
@@ -342,6 +347,11 @@ RegexSet::RegexSet(const std::vector<std::u16string>& patterns) : impl_(std::mak
     try {
       TranslatedRegex translation = TranslateRegex(patterns[i], RegexGrammar::kPosixExtended);
       const std::vector<char16_t> keys = CheckSetRule(translation.pcre);
+      for (size_t w = 0; w < watched.size(); ++w) {
+        impl_->contained[w] = (!any_compiled || impl_->contained[w]) &&
+                              rulenlu::AlwaysContains(translation.tree, watched[w]);
+      }
+      any_compiled = true;
       std::vector<std::u16string> matches;
       if (i < UINT32_MAX &&
           FiniteMatches(translation.tree, kMaxRuleTexts, kMaxRuleTextUnits, &matches)) {
@@ -399,6 +409,8 @@ RegexSet& RegexSet::operator=(RegexSet&&) noexcept = default;
 size_t RegexSet::size() const { return impl_->errors.size(); }
 bool RegexSet::compiled(size_t index) const { return impl_->errors.at(index).empty(); }
 const std::string& RegexSet::error(size_t index) const { return impl_->errors.at(index); }
+
+bool RegexSet::AlwaysContains(size_t watched) const { return impl_->contained.at(watched); }
 
 size_t RegexSet::LivePrefix(std::u16string_view text) const {
   if (impl_->automaton.has_value()) return impl_->automaton->LivePrefix(text);

@@ -161,7 +161,10 @@ class RegexSet {
  public:
   static constexpr size_t kNoMatch = SIZE_MAX;
 
-  explicit RegexSet(const std::vector<std::u16string>& patterns);
+  // Also tells, for each of `watched`, whether every whole match of every compiled rule
+  // contains it (AlwaysContains).
+  explicit RegexSet(const std::vector<std::u16string>& patterns,
+                    const std::vector<std::u16string>& watched = {});
   ~RegexSet();
   RegexSet(RegexSet&&) noexcept;
   RegexSet& operator=(RegexSet&&) noexcept;
@@ -174,6 +177,10 @@ class RegexSet {
   // A length n such that no compiled rule matches a whole text that begins with more than the
   // first n units of `text` (at most text.size(); n may be larger than the shortest such).
   size_t LivePrefix(std::u16string_view text) const;
+
+  // True when every text that some compiled rule matches whole contains watched[index]; false
+  // when not, or when that is not known (and when no rule compiled).
+  bool AlwaysContains(size_t watched) const;
 
   // The lowest index of a compiled rule that matches the whole of `subject`, or kNoMatch.
   // Throws RegexError when the match exceeds its bounds (as a Regex would).

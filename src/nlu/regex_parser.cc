@@ -4,6 +4,7 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <set>
 #include <utility>
 
 #include "base/error.h"
@@ -56,14 +57,20 @@ RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
   // Every key that some intent's slots name. A key that is not UTF-8 has no marker: a query
   // that needs it then fails as it would converting it on the spot.
   std::map<std::string, uint32_t> key_index;
+  std::vector<std::optional<std::u16string>> key_markers;
+  // In a rewritten query without other "<" or ">", a marker's text is found only where its
+  // tag stands, unless a key holds one of them.
+  bool markers_apart = true;
   for (const auto& [name, intent] : intent_map) {
     for (const auto& slot : intent.slots) {
       if (!key_index.emplace(slot.second, static_cast<uint32_t>(key_index.size())).second) {
         continue;
       }
+      markers_apart = markers_apart && slot.second.find_first_of("<>") == std::string::npos;
       try {
-        MakeMarker(slot.second);
+        key_markers.push_back(MakeMarker(slot.second));
       } catch (const ConversionError&) {
+        key_markers.push_back(std::nullopt);
         any_unconvertible_key_ = true;
       }
     }
@@ -79,6 +86,13 @@ RegexParser::RegexParser(const std::map<std::string, IntentConfig>& intent_map,
     }
     intents_[i].name = name;
     intents_[i].patterns = config.regexRules;
+    std::set<uint32_t> slot_keys;
+    for (const auto& slot : config.slots) slot_keys.insert(key_index.at(slot.second));
+    for (const uint32_t key : slot_keys) {
+      if (!markers_apart || !key_markers[key].has_value()) continue;
+      intents_[i].slot_keys.push_back(key);
+      intents_[i].slot_markers.push_back(*key_markers[key]);
+    }
     ++i;
   }
 
@@ -341,12 +355,21 @@ void RegexParser::Rewrite(const std::u16string& query, const PreparedTags& tags,
 const RegexParser::Rules& RegexParser::RulesOf(const Intent& intent) const {
   if (const Rules* rules = intent.compiled.load(std::memory_order_acquire)) return *rules;
   std::call_once(intent.once, [&] {
-    RegexSet all(intent.patterns);
+    RegexSet all(intent.patterns, intent.slot_markers);
     size_t first_broken = 0;
     while (first_broken < all.size() && all.compiled(first_broken)) ++first_broken;
+    const auto required = [&](const RegexSet& rules) {
+      std::vector<uint32_t> keys;
+      for (size_t k = 0; k < intent.slot_keys.size(); ++k) {
+        if (rules.AlwaysContains(k)) keys.push_back(intent.slot_keys[k]);
+      }
+      return keys;
+    };
     if (first_broken == all.size()) {
       const bool marker = all.LivePrefix(u"<") == 1;
-      intent.rules = std::make_unique<const Rules>(Rules{std::move(all), std::string(), marker});
+      std::vector<uint32_t> keys = required(all);
+      intent.rules = std::make_unique<const Rules>(
+          Rules{std::move(all), std::string(), marker, std::move(keys)});
     } else {
       // The rule that did not compile is reported only when a query reaches it; the rules
       // after it are never reached.
@@ -354,9 +377,10 @@ const RegexParser::Rules& RegexParser::RulesOf(const Intent& intent) const {
                            " does not compile: " + all.error(first_broken);
       RegexSet before(std::vector<std::u16string>(intent.patterns.begin(),
                                                   intent.patterns.begin() + first_broken));
+      // Reaching the rule that did not compile fails the query: no combination is left out.
       const bool marker = before.LivePrefix(u"<") == 1;
-      intent.rules =
-          std::make_unique<const Rules>(Rules{std::move(before), std::move(broken), marker});
+      intent.rules = std::make_unique<const Rules>(
+          Rules{std::move(before), std::move(broken), marker, std::vector<uint32_t>()});
       any_broken_rule_ = true;
     }
     intent.compiled.store(intent.rules.get(), std::memory_order_release);
@@ -533,16 +557,36 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
     }
   }
 
+  // Without "<" or ">" in the query, the rewritten query's markers are its tags'.
+  const bool markers_only = std::find_if(query.begin(), query.end(), [](char16_t unit) {
+                              return unit == u'<' || unit == u'>';
+                            }) == query.end();
   const std::greater<RankEntry> after;
   std::make_heap(ranked.begin(), ranked.end(), after);
   while (!ranked.empty()) {
     std::pop_heap(ranked.begin(), ranked.end(), after);
     const auto c = static_cast<uint32_t>(ranked.back());
     ranked.pop_back();
+    // The keys of the combination's tags, read when an intent requires some.
+    bool path_read = false;
+    const auto holds = [&](uint32_t key) {
+      if (!path_read) {
+        prepared.PathOf(c, &matching.path);
+        path_read = true;
+      }
+      for (const uint32_t t : matching.path) {
+        if (prepared.keys[t] == key) return true;
+      }
+      return false;
+    };
     for (size_t w = 0; w < words; ++w) {
       for (uint64_t bits = pairs(prepared.combinations[c], accepting + c * words, w); bits != 0;
            bits &= bits - 1) {
         const Intent& intent = intents_[w * 64 + static_cast<size_t>(__builtin_ctzll(bits))];
+        if (markers_only) {
+          const std::vector<uint32_t>& required = RulesOf(intent).required_keys;
+          if (!std::all_of(required.begin(), required.end(), holds)) continue;
+        }
         if (Match(intent, c, &matching).has_value()) {
           return MakeCandidate(query, intent, prepared, c);
         }

@@ -102,12 +102,19 @@ class RegexParser {
     RegexSet before_broken;
     std::string broken;
     bool may_begin_with_marker;  // some rule before the broken one may begin with "<"
+    // Keys whose marker every whole match of those rules contains: in a query without "<" or
+    // ">", only a combination holding a tag of each can match.
+    std::vector<uint32_t> required_keys;
   };
   // What Parse needs of an intent, in name order. Its rules are compiled the first time a query
   // needs them, so that start-up compiles nothing a query never reaches.
   struct Intent {
     std::string name;
     std::vector<std::u16string> patterns;
+    // The keys its slots name, with their markers, when markers cannot be mistaken for one
+    // another (see RegexParser::RegexParser).
+    std::vector<uint32_t> slot_keys;
+    std::vector<std::u16string> slot_markers;
     mutable std::once_flag once;
     mutable std::unique_ptr<const Rules> rules;
     // `rules` once compiled: read without the once flag's call on every match.

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -1206,9 +1207,92 @@ class FiniteTexts {
   size_t most_units_;
 };
 
+// The text `index` matches when it matches one text only and reads a unit wherever it moves
+// (no anchor, bound or lookahead); nothing otherwise, or when that text would be long.
+std::optional<std::u16string> OnlyTextFrom(const RegexTree& tree, size_t index) {
+  constexpr size_t kMostUnits = 4096;
+  const RegexNode& node = tree.nodes[index];
+  switch (node.kind) {
+    case RegexNode::kChar:
+      return std::u16string(1, node.unit);
+    case RegexNode::kSet: {
+      const auto& ranges = tree.sets[node.index];
+      if (ranges.size() != 1 || ranges[0].first != ranges[0].second) return std::nullopt;
+      return std::u16string(1, ranges[0].first);
+    }
+    case RegexNode::kGroup:
+    case RegexNode::kNoGroup:
+      return OnlyTextFrom(tree, node.kids[0]);
+    case RegexNode::kConcat: {
+      std::u16string all;
+      for (const size_t kid : node.kids) {
+        const std::optional<std::u16string> text = OnlyTextFrom(tree, kid);
+        if (!text.has_value() || all.size() + text->size() > kMostUnits) return std::nullopt;
+        all += *text;
+      }
+      return all;
+    }
+    case RegexNode::kAlt:
+      if (node.kids.size() != 1) return std::nullopt;
+      return OnlyTextFrom(tree, node.kids[0]);
+    case RegexNode::kRepeat: {
+      if (node.infinite || node.min != node.max) return std::nullopt;
+      const std::optional<std::u16string> once = OnlyTextFrom(tree, node.kids[0]);
+      if (!once.has_value() || (!once->empty() && node.min > kMostUnits / once->size())) {
+        return std::nullopt;
+      }
+      std::u16string all;
+      for (uint64_t i = 0; i < node.min; ++i) all += *once;
+      return all;
+    }
+    default:
+      return std::nullopt;
+  }
+}
+
+bool ContainsFrom(const RegexTree& tree, size_t index, std::u16string_view text) {
+  const RegexNode& node = tree.nodes[index];
+  switch (node.kind) {
+    case RegexNode::kGroup:
+    case RegexNode::kNoGroup:
+      return ContainsFrom(tree, node.kids[0], text);
+    case RegexNode::kConcat: {
+      // Runs of kids that match one text each are read together: a text may span them.
+      std::u16string run;
+      for (const size_t kid : node.kids) {
+        const std::optional<std::u16string> only = OnlyTextFrom(tree, kid);
+        if (only.has_value()) {
+          run += *only;
+          continue;
+        }
+        if (run.find(text) != std::u16string::npos || ContainsFrom(tree, kid, text)) return true;
+        run.clear();
+      }
+      return run.find(text) != std::u16string::npos;
+    }
+    case RegexNode::kAlt:
+      if (node.kids.empty()) return false;
+      for (const size_t kid : node.kids) {
+        if (!ContainsFrom(tree, kid, text)) return false;
+      }
+      return true;
+    case RegexNode::kRepeat:
+      if (node.min >= 1 && ContainsFrom(tree, node.kids[0], text)) return true;
+      [[fallthrough]];
+    default: {
+      const std::optional<std::u16string> only = OnlyTextFrom(tree, index);
+      return only.has_value() && only->find(text) != std::u16string::npos;
+    }
+  }
+}
+
 }  // namespace
 
 LengthRange MatchLengths(const RegexTree& tree) { return LengthsFrom(tree, tree.root); }
+
+bool AlwaysContains(const RegexTree& tree, std::u16string_view text) {
+  return text.empty() || ContainsFrom(tree, tree.root, text);
+}
 
 bool FiniteMatches(const RegexTree& tree, size_t most, size_t most_units,
                    std::vector<std::u16string>* texts) {

@@ -68,6 +68,10 @@ struct LengthRange {
 // longer than `most` (a back-reference counts as any length).
 LengthRange MatchLengths(const RegexTree& tree);
 
+// True when every text `tree` matches whole contains `text`; false when some does not, or when
+// that is not known.
+bool AlwaysContains(const RegexTree& tree, std::u16string_view text);
+
 // Sets `*texts` to every text that `tree` matches whole (in no particular order, perhaps with
 // repeats) and returns true, when there are at most `most` of them, each at most
 // `most_units` long; otherwise returns false. Trees with anchors, word bounds, lookaheads or
