@@ -2,14 +2,13 @@
 
 #include <algorithm>
 #include <atomic>
-#include <functional>
 #include <mutex>
 #include <set>
 #include <utility>
 
 #include "base/error.h"
+#include "base/placement.h"
 #include "base/text.h"
-#include "nlu/ranker.h"
 
 namespace rulenlu {
 namespace {
@@ -464,11 +463,6 @@ void ForEachBit(const uint64_t* set, size_t words, Visit&& visit) {
   }
 }
 
-// A combination's place in rank order, as one number: the rank key of its covered units, then
-// its index (which orders combinations of equal cover by their tags, fewest first, then as the
-// exhaustive search finds them).
-using RankEntry = uint64_t;
-
 }  // namespace
 
 std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
@@ -477,7 +471,9 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
     PreparedTags prepared;
     Matching matching;
     std::vector<uint64_t> live;
-    std::vector<RankEntry> ranked;
+    std::vector<uint32_t> ranked;
+    std::vector<uint32_t> order;
+    std::vector<uint32_t> first;
   };
   thread_local Space space;
   // A query far larger than usual does not leave its buffers behind.
@@ -489,7 +485,9 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
           space.live.capacity() > (size_t{1} << 16)) {
         space.prepared = PreparedTags();
         space.matching = Matching();
-        space.ranked = std::vector<RankEntry>();
+        space.ranked = std::vector<uint32_t>();
+        space.order = std::vector<uint32_t>();
+        space.first = std::vector<uint32_t>();
         space.live = std::vector<uint64_t>();
       }
     }
@@ -525,19 +523,25 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
   };
 
   // Candidates in rank order: most covered units, then fewest slots, then the order in which
-  // the exhaustive search finds them (combination order, then intent order). A heap, as the
-  // search usually stops after a few. A combination with no pair left gives no candidate.
-  std::vector<RankEntry>& ranked = space.ranked;
+  // the exhaustive search finds them (combination order, then intent order). Among combinations
+  // of equal cover, the order they are built in puts fewer tags first and then the exhaustive
+  // search's order: a counting sort by cover, which keeps that order, gives rank order. A
+  // combination with no pair left gives no candidate.
+  std::vector<uint32_t>& ranked = space.ranked;
   ranked.clear();
   Combine(&prepared,
           [&](uint32_t c, const PreparedTags::Combination& combination, const uint64_t* accepting) {
             uint64_t any_pair = 0;
             ForEachWord(words, [&](size_t w) { any_pair |= pairs(combination, accepting, w); });
-            if (any_pair == 0) return;
-            const uint64_t cover =
-                Ranker::RankKey(Ranker::Score(combination.slots, combination.total, 0)) >> 32;
-            ranked.push_back(cover << 32 | c);
+            if (any_pair != 0) ranked.push_back(c);
           });
+  // Tags of a combination stand apart within the query: its cover is at most the query's length.
+  const auto uncovered = [&](size_t i) {
+    return length - std::min<size_t>(prepared.combinations[ranked[i]].total, length);
+  };
+  uint32_t* order = AtLeast(&space.order, ranked.size());
+  PlaceByKey(ranked.size(), length + 1, uncovered, &space.first,
+             [&](uint32_t i, uint32_t position) { order[position] = ranked[i]; });
   const uint64_t* accepting = prepared.intents.data();
 
   // A rule that did not compile, or a marker that could not be converted, fails the query
@@ -561,12 +565,8 @@ std::optional<IntentCandidate> RegexParser::Parse(const std::u16string& query,
   const bool markers_only = std::find_if(query.begin(), query.end(), [](char16_t unit) {
                               return unit == u'<' || unit == u'>';
                             }) == query.end();
-  const std::greater<RankEntry> after;
-  std::make_heap(ranked.begin(), ranked.end(), after);
-  while (!ranked.empty()) {
-    std::pop_heap(ranked.begin(), ranked.end(), after);
-    const auto c = static_cast<uint32_t>(ranked.back());
-    ranked.pop_back();
+  for (size_t position = 0; position < ranked.size(); ++position) {
+    const uint32_t c = order[position];
     // The keys of the combination's tags, read when an intent requires some.
     bool path_read = false;
     const auto holds = [&](uint32_t key) {
