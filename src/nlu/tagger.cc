@@ -323,17 +323,36 @@ SlotMatch Tagger::ToSlot(const QueryTag& tag, const std::u16string& query) const
   return rulenlu::ToSlot(tag, vocab_names_, query);
 }
 
+namespace {
+
+// The failure of a query of `length` units with more than MaxQueryTags tags.
+Error TooManyTags(size_t length) {
+  return Error("query has more than " + std::to_string(MaxQueryTags(length)) + " tags");
+}
+
+}  // namespace
+
+// Per thread working space of Tag.
+struct Tagger::Scratch {
+  std::vector<QueryTag> found;   // dictionary tags as found; its size is its room
+  std::vector<QueryTag> sorted;  // the same by vocabulary; at least as large
+  std::vector<uint32_t> first;   // per vocabulary, where its tags go in `sorted`
+  std::vector<QueryTag> regex;
+};
+
 std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
   const size_t max_tags = MaxQueryTags(query.size());
-  auto check_room = [max_tags](size_t tags) {
-    if (tags == max_tags) throw Error("query has more than " + std::to_string(max_tags) + " tags");
-  };
-  // Dictionary words: found by start and length, reported by vocabulary, then start, length.
-  // The vocabulary map and vocab_names_ are both in name order, so the trie's positions sort
-  // as the names do: a counting sort by vocabulary keeps the start and length order.
-  thread_local std::vector<QueryTag> kept;
-  std::vector<QueryTag>& found = kept;  // looked up once, not per word
-  found.clear();
+  // Dictionary words are found by start, length and vocabulary, and reported by vocabulary,
+  // then start, length. The vocabulary map and vocab_names_ are both in name order, so the
+  // trie's positions sort as the names do: a counting sort by vocabulary keeps the start and
+  // length order. The thread's buffers are looked up once per query, not per word.
+  thread_local Scratch kept;
+  Scratch& scratch = kept;
+  std::vector<uint32_t>& first = scratch.first;
+  first.assign(dictionary_vocabs_.size() + 1, 0);
+  size_t found = 0;
+  // Below both the buffer's size and the bound: one comparison per word found.
+  size_t room = std::min(scratch.found.size(), max_tags);
   const std::u16string_view text(query);
   const size_t max_work = MaxDictionaryWork(query.size());
   size_t work_left = max_work;
@@ -341,8 +360,14 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
     const std::u16string_view rest = text.substr(start);
     const size_t read = trie_->ForEachPrefix(
         rest.substr(0, work_left), [&](uint32_t vocab, size_t length, uint32_t word) {
-          check_room(found.size());
-          found.push_back({vocab, static_cast<int32_t>(start), static_cast<int32_t>(length), word});
+          if (found == room) {
+            if (found == max_tags) throw TooManyTags(query.size());
+            scratch.found.resize(std::max<size_t>(256, 2 * found));
+            room = std::min(scratch.found.size(), max_tags);
+          }
+          scratch.found[found++] = {vocab, static_cast<int32_t>(start),
+                                    static_cast<int32_t>(length), word};
+          ++first[vocab + 1];
         });
     // Out of work with the query not read to its end, or with a word still being followed.
     if (read == work_left && read < rest.size()) {
@@ -351,22 +376,31 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
     }
     work_left -= read;
   }
-  std::vector<uint32_t> next;
-  std::vector<QueryTag> tags(found.size());
-  PlaceByVocabulary(found, dictionary_vocabs_.size(), &next, [&](uint32_t i, uint32_t position) {
-    tags[position] = {dictionary_vocabs_[found[i].vocab], found[i].start, found[i].length,
-                      found[i].word};
-  });
-  // A query far larger than usual does not leave its buffer behind.
-  if (found.capacity() > (size_t{1} << 16)) found = std::vector<QueryTag>();
-  auto add_tag = [&](uint32_t vocab, size_t start, size_t length) {
-    check_room(tags.size());
-    tags.push_back({vocab, static_cast<int32_t>(start), static_cast<int32_t>(length)});
-  };
-  if (regex_vocabs_.empty()) return tags;
+  // Regex tags, found before the answer is made so that it is made once at its final size.
+  std::vector<QueryTag>& regex_tags = scratch.regex;
+  regex_tags.clear();
+  if (!regex_vocabs_.empty()) FindRegexTags(query, max_tags - found, &regex_tags);
 
-  // Regex vocabularies: each pattern searched again from the end of its previous match, the
-  // whole query staying the subject.
+  for (size_t k = 1; k < first.size(); ++k) first[k] += first[k - 1];
+  std::vector<QueryTag>& sorted = scratch.sorted;
+  if (sorted.size() < found) sorted.resize(scratch.found.size());
+  for (size_t i = 0; i < found; ++i) {
+    const QueryTag& tag = scratch.found[i];
+    sorted[first[tag.vocab]++] = {dictionary_vocabs_[tag.vocab], tag.start, tag.length, tag.word};
+  }
+  std::vector<QueryTag> tags;
+  tags.reserve(found + regex_tags.size());
+  tags.assign(sorted.begin(), sorted.begin() + static_cast<ptrdiff_t>(found));
+  tags.insert(tags.end(), regex_tags.begin(), regex_tags.end());
+  // A query far larger than usual does not leave its buffers behind.
+  if (scratch.found.size() + regex_tags.size() > (size_t{1} << 16)) scratch = Scratch();
+  return tags;
+}
+
+void Tagger::FindRegexTags(const std::u16string& query, size_t room,
+                           std::vector<QueryTag>* tags) const {
+  // Each pattern searched again from the end of its previous match, the whole query staying
+  // the subject.
   const RegexSubject subject(query);
   std::call_once(finder_once_,
                  [this] { finder_ = std::make_unique<const RegexFinder>(finder_patterns_); });
@@ -382,14 +416,15 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
       while (finder_->Search(regex, starts, index, subject, from, &match)) {
         // The next search would begin where this one did and find the same empty match forever.
         if (match.length == 0) throw RegexError("a regex vocabulary pattern matched empty text");
-        add_tag(vocab.vocab, match.start, match.length);
+        if (tags->size() == room) throw TooManyTags(query.size());
+        tags->push_back(
+            {vocab.vocab, static_cast<int32_t>(match.start), static_cast<int32_t>(match.length)});
         from = match.start + match.length;
       }
     }
   }
   // A query far larger than usual does not leave its buffers behind.
   if (query.size() > (size_t{1} << 16)) starts = RegexFinder::Starts();
-  return tags;
 }
 
 }  // namespace rulenlu

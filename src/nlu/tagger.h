@@ -114,11 +114,16 @@ class Tagger {
 
  private:
   class WordTrie;
+  struct Scratch;
 
   struct RegexVocab {
     uint32_t vocab;
     std::vector<Regex> patterns;
   };
+
+  // Appends the regex tags of `query` to `*tags`, in Tag's order. Throws as Tag does, Error
+  // when there are more than `room`.
+  void FindRegexTags(const std::u16string& query, size_t room, std::vector<QueryTag>* tags) const;
 
   std::vector<std::string> vocab_names_;
   // The words of every vocabulary in one index; the trie names vocabularies by their position
