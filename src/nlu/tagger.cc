@@ -92,8 +92,9 @@ void ForEachWord(const std::map<std::string, WordList>& vocabularies, Visit&& vi
 // its unit, and each depth's nodes are numbered in the order of their texts.
 class Tagger::WordTrie {
  public:
-  // Vocabulary i is the i-th entry of `vocabularies` (fewer than 2^31 of them).
-  explicit WordTrie(const std::map<std::string, WordList>& vocabularies);
+  // The i-th entry of `vocabularies` is named names[i] in what the trie reports: ascending,
+  // each below 2^31.
+  WordTrie(const std::map<std::string, WordList>& vocabularies, const std::vector<uint32_t>& names);
 
   // Calls visit(vocab, length, word) for every word that `text` begins with, by length and then
   // by vocabulary, `word` numbering its text as QueryTag::word does; stops reading `text` as
@@ -166,7 +167,8 @@ class Tagger::WordTrie {
   std::vector<uint32_t> root_children_;
 };
 
-Tagger::WordTrie::WordTrie(const std::map<std::string, WordList>& vocabularies) {
+Tagger::WordTrie::WordTrie(const std::map<std::string, WordList>& vocabularies,
+                           const std::vector<uint32_t>& names) {
   // The words in order reach each depth's nodes in the order of their texts, which is their
   // breadth-first order: once the nodes of each depth are counted, a second pass numbers every
   // node as it is made, and the arrays are made at their final sizes.
@@ -199,7 +201,7 @@ Tagger::WordTrie::WordTrie(const std::map<std::string, WordList>& vocabularies) 
     } else {
       end.first_end = static_cast<uint32_t>(ends_.size());
     }
-    ends_.push_back(vocab | kLastEnd);
+    ends_.push_back(names[vocab] | kLastEnd);
   });
   // A node without children has them, none, where the next node's begin.
   nodes_[nodes].first_child = nodes;
@@ -281,8 +283,7 @@ std::optional<std::u16string> ExpandVariables(
 
 Tagger::Tagger(const std::map<std::string, WordList>& vocab_map,
                std::map<std::string, std::vector<std::u16string>> regex_vocab_map,
-               const std::vector<std::pair<std::string, std::u16string>>& variable_entries)
-    : trie_(std::make_unique<WordTrie>(vocab_map)) {
+               const std::vector<std::pair<std::string, std::u16string>>& variable_entries) {
   // The trie holds every word, and finds a word only where it fits: no per-vocabulary length
   // bound is needed.
   for (const auto& [name, words] : vocab_map) vocab_names_.push_back(name);
@@ -293,7 +294,9 @@ Tagger::Tagger(const std::map<std::string, WordList>& vocab_map,
     return static_cast<uint32_t>(std::lower_bound(vocab_names_.begin(), vocab_names_.end(), name) -
                                  vocab_names_.begin());
   };
-  for (const auto& [name, words] : vocab_map) dictionary_vocabs_.push_back(position(name));
+  std::vector<uint32_t> dictionary_vocabs;
+  for (const auto& [name, words] : vocab_map) dictionary_vocabs.push_back(position(name));
+  trie_ = std::make_unique<const WordTrie>(vocab_map, dictionary_vocabs);
 
   LogLine(LogStream::kStdout, {"3333333333333333333333333"});
   if (!SubstituteVariables(variable_entries, &regex_vocab_map)) return;
@@ -343,13 +346,12 @@ struct Tagger::Scratch {
 std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
   const size_t max_tags = MaxQueryTags(query.size());
   // Dictionary words are found by start, length and vocabulary, and reported by vocabulary,
-  // then start, length. The vocabulary map and vocab_names_ are both in name order, so the
-  // trie's positions sort as the names do: a counting sort by vocabulary keeps the start and
-  // length order. The thread's buffers are looked up once per query, not per word.
+  // then start, length: a counting sort by vocabulary keeps the start and length order. The
+  // thread's buffers are looked up once per query, not per word.
   thread_local Scratch kept;
   Scratch& scratch = kept;
   std::vector<uint32_t>& first = scratch.first;
-  first.assign(dictionary_vocabs_.size() + 1, 0);
+  first.assign(vocab_names_.size() + 1, 0);
   size_t found = 0;
   // Below both the buffer's size and the bound: one comparison per word found.
   size_t room = std::min(scratch.found.size(), max_tags);
@@ -386,7 +388,7 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
   if (sorted.size() < found) sorted.resize(scratch.found.size());
   for (size_t i = 0; i < found; ++i) {
     const QueryTag& tag = scratch.found[i];
-    sorted[first[tag.vocab]++] = {dictionary_vocabs_[tag.vocab], tag.start, tag.length, tag.word};
+    sorted[first[tag.vocab]++] = tag;
   }
   std::vector<QueryTag> tags;
   tags.reserve(found + regex_tags.size());

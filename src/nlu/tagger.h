@@ -126,10 +126,9 @@ class Tagger {
   void FindRegexTags(const std::u16string& query, size_t room, std::vector<QueryTag>* tags) const;
 
   std::vector<std::string> vocab_names_;
-  // The words of every vocabulary in one index; the trie names vocabularies by their position
-  // in the vocabulary map, dictionary_vocabs_ by their position in vocab_names_.
+  // The words of every vocabulary in one index, which names vocabularies by their position in
+  // vocab_names_.
   std::unique_ptr<const WordTrie> trie_;
-  std::vector<uint32_t> dictionary_vocabs_;
   // Compiled patterns of each regex vocabulary, in name order; empty when expansion failed.
   std::vector<RegexVocab> regex_vocabs_;
   // The same patterns, one after another, told apart in one pass: most find nothing. Built by
