@@ -550,7 +550,14 @@ size_t RegexFinder::NextStart(const Starts& starts, size_t i, size_t from) const
 
 bool RegexFinder::Search(const Regex& regex, const Starts& starts, size_t i,
                          const RegexSubject& subject, size_t from, RegexMatch* match) const {
-  size_t start = Candidate(starts, i, from);
+  // Most patterns have no candidate at all: that answer is kept cheap.
+  const size_t start = Candidate(starts, i, from);
+  return start != kNone && SearchFrom(regex, starts, i, subject, from, start, match);
+}
+
+bool RegexFinder::SearchFrom(const Regex& regex, const Starts& starts, size_t i,
+                             const RegexSubject& subject, size_t from, size_t start,
+                             RegexMatch* match) const {
   if (start == kUnknown) return regex.Search(subject, from, match);
   // No match begins before the first candidate, nor between two: an attempt at each in turn is
   // the search. For the pattern itself, the first candidate is where its match begins; should

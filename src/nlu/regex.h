@@ -146,6 +146,9 @@ class RegexFinder {
   // The first offset at or after `from` where a match of patterns[i], or of its looser
   // pattern, may begin; kNone or kUnknown as for NextStart.
   size_t Candidate(const Starts& starts, size_t i, size_t from) const;
+  // Search, where `start` is Candidate(starts, i, from) and not kNone.
+  bool SearchFrom(const Regex& regex, const Starts& starts, size_t i, const RegexSubject& subject,
+                  size_t from, size_t start, RegexMatch* match) const;
 
   struct Impl;
   std::unique_ptr<Impl> impl_;

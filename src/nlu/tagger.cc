@@ -92,8 +92,9 @@ void ForEachWord(const std::map<std::string, WordList>& vocabularies, Visit&& vi
 // its unit, and each depth's nodes are numbered in the order of their texts.
 class Tagger::WordTrie {
  public:
-  // Vocabulary i is the i-th entry of `vocabularies` (fewer than 2^31 of them).
-  explicit WordTrie(const std::map<std::string, WordList>& vocabularies);
+  // The i-th entry of `vocabularies` is named names[i] in what the trie reports: ascending,
+  // each below 2^31.
+  WordTrie(const std::map<std::string, WordList>& vocabularies, const std::vector<uint32_t>& names);
 
   // Calls visit(vocab, length, word) for every word that `text` begins with, by length and then
   // by vocabulary, `word` numbering its text as QueryTag::word does; stops reading `text` as
@@ -166,7 +167,8 @@ class Tagger::WordTrie {
   std::vector<uint32_t> root_children_;
 };
 
-Tagger::WordTrie::WordTrie(const std::map<std::string, WordList>& vocabularies) {
+Tagger::WordTrie::WordTrie(const std::map<std::string, WordList>& vocabularies,
+                           const std::vector<uint32_t>& names) {
   // The words in order reach each depth's nodes in the order of their texts, which is their
   // breadth-first order: once the nodes of each depth are counted, a second pass numbers every
   // node as it is made, and the arrays are made at their final sizes.
@@ -199,7 +201,7 @@ Tagger::WordTrie::WordTrie(const std::map<std::string, WordList>& vocabularies) 
     } else {
       end.first_end = static_cast<uint32_t>(ends_.size());
     }
-    ends_.push_back(vocab | kLastEnd);
+    ends_.push_back(names[vocab] | kLastEnd);
   });
   // A node without children has them, none, where the next node's begin.
   nodes_[nodes].first_child = nodes;
@@ -281,8 +283,7 @@ std::optional<std::u16string> ExpandVariables(
 
 Tagger::Tagger(const std::map<std::string, WordList>& vocab_map,
                std::map<std::string, std::vector<std::u16string>> regex_vocab_map,
-               const std::vector<std::pair<std::string, std::u16string>>& variable_entries)
-    : trie_(std::make_unique<WordTrie>(vocab_map)) {
+               const std::vector<std::pair<std::string, std::u16string>>& variable_entries) {
   // The trie holds every word, and finds a word only where it fits: no per-vocabulary length
   // bound is needed.
   for (const auto& [name, words] : vocab_map) vocab_names_.push_back(name);
@@ -293,7 +294,9 @@ Tagger::Tagger(const std::map<std::string, WordList>& vocab_map,
     return static_cast<uint32_t>(std::lower_bound(vocab_names_.begin(), vocab_names_.end(), name) -
                                  vocab_names_.begin());
   };
-  for (const auto& [name, words] : vocab_map) dictionary_vocabs_.push_back(position(name));
+  std::vector<uint32_t> dictionary_vocabs;
+  for (const auto& [name, words] : vocab_map) dictionary_vocabs.push_back(position(name));
+  trie_ = std::make_unique<const WordTrie>(vocab_map, dictionary_vocabs);
 
   LogLine(LogStream::kStdout, {"3333333333333333333333333"});
   if (!SubstituteVariables(variable_entries, &regex_vocab_map)) return;
@@ -323,17 +326,35 @@ SlotMatch Tagger::ToSlot(const QueryTag& tag, const std::u16string& query) const
   return rulenlu::ToSlot(tag, vocab_names_, query);
 }
 
+namespace {
+
+// The failure of a query of `length` units with more than MaxQueryTags tags.
+Error TooManyTags(size_t length) {
+  return Error("query has more than " + std::to_string(MaxQueryTags(length)) + " tags");
+}
+
+}  // namespace
+
+// Per thread working space of Tag.
+struct Tagger::Scratch {
+  std::vector<QueryTag> found;   // dictionary tags as found; its size is its room
+  std::vector<QueryTag> sorted;  // the same by vocabulary; at least as large
+  std::vector<uint32_t> first;   // per vocabulary, where its tags go in `sorted`
+  std::vector<QueryTag> regex;
+};
+
 std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
   const size_t max_tags = MaxQueryTags(query.size());
-  auto check_room = [max_tags](size_t tags) {
-    if (tags == max_tags) throw Error("query has more than " + std::to_string(max_tags) + " tags");
-  };
-  // Dictionary words: found by start and length, reported by vocabulary, then start, length.
-  // The vocabulary map and vocab_names_ are both in name order, so the trie's positions sort
-  // as the names do: a counting sort by vocabulary keeps the start and length order.
-  thread_local std::vector<QueryTag> kept;
-  std::vector<QueryTag>& found = kept;  // looked up once, not per word
-  found.clear();
+  // Dictionary words are found by start, length and vocabulary, and reported by vocabulary,
+  // then start, length: a counting sort by vocabulary keeps the start and length order. The
+  // thread's buffers are looked up once per query, not per word.
+  thread_local Scratch kept;
+  Scratch& scratch = kept;
+  std::vector<uint32_t>& first = scratch.first;
+  first.assign(vocab_names_.size() + 1, 0);
+  size_t found = 0;
+  // Below both the buffer's size and the bound: one comparison per word found.
+  size_t room = std::min(scratch.found.size(), max_tags);
   const std::u16string_view text(query);
   const size_t max_work = MaxDictionaryWork(query.size());
   size_t work_left = max_work;
@@ -341,8 +362,14 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
     const std::u16string_view rest = text.substr(start);
     const size_t read = trie_->ForEachPrefix(
         rest.substr(0, work_left), [&](uint32_t vocab, size_t length, uint32_t word) {
-          check_room(found.size());
-          found.push_back({vocab, static_cast<int32_t>(start), static_cast<int32_t>(length), word});
+          if (found == room) {
+            if (found == max_tags) throw TooManyTags(query.size());
+            scratch.found.resize(std::max<size_t>(256, 2 * found));
+            room = std::min(scratch.found.size(), max_tags);
+          }
+          scratch.found[found++] = {vocab, static_cast<int32_t>(start),
+                                    static_cast<int32_t>(length), word};
+          ++first[vocab + 1];
         });
     // Out of work with the query not read to its end, or with a word still being followed.
     if (read == work_left && read < rest.size()) {
@@ -351,22 +378,31 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
     }
     work_left -= read;
   }
-  std::vector<uint32_t> next;
-  std::vector<QueryTag> tags(found.size());
-  PlaceByVocabulary(found, dictionary_vocabs_.size(), &next, [&](uint32_t i, uint32_t position) {
-    tags[position] = {dictionary_vocabs_[found[i].vocab], found[i].start, found[i].length,
-                      found[i].word};
-  });
-  // A query far larger than usual does not leave its buffer behind.
-  if (found.capacity() > (size_t{1} << 16)) found = std::vector<QueryTag>();
-  auto add_tag = [&](uint32_t vocab, size_t start, size_t length) {
-    check_room(tags.size());
-    tags.push_back({vocab, static_cast<int32_t>(start), static_cast<int32_t>(length)});
-  };
-  if (regex_vocabs_.empty()) return tags;
+  // Regex tags, found before the answer is made so that it is made once at its final size.
+  std::vector<QueryTag>& regex_tags = scratch.regex;
+  regex_tags.clear();
+  if (!regex_vocabs_.empty()) FindRegexTags(query, max_tags - found, &regex_tags);
 
-  // Regex vocabularies: each pattern searched again from the end of its previous match, the
-  // whole query staying the subject.
+  for (size_t k = 1; k < first.size(); ++k) first[k] += first[k - 1];
+  std::vector<QueryTag>& sorted = scratch.sorted;
+  if (sorted.size() < found) sorted.resize(scratch.found.size());
+  for (size_t i = 0; i < found; ++i) {
+    const QueryTag& tag = scratch.found[i];
+    sorted[first[tag.vocab]++] = tag;
+  }
+  std::vector<QueryTag> tags;
+  tags.reserve(found + regex_tags.size());
+  tags.assign(sorted.begin(), sorted.begin() + static_cast<ptrdiff_t>(found));
+  tags.insert(tags.end(), regex_tags.begin(), regex_tags.end());
+  // A query far larger than usual does not leave its buffers behind.
+  if (scratch.found.size() + regex_tags.size() > (size_t{1} << 16)) scratch = Scratch();
+  return tags;
+}
+
+void Tagger::FindRegexTags(const std::u16string& query, size_t room,
+                           std::vector<QueryTag>* tags) const {
+  // Each pattern searched again from the end of its previous match, the whole query staying
+  // the subject.
   const RegexSubject subject(query);
   std::call_once(finder_once_,
                  [this] { finder_ = std::make_unique<const RegexFinder>(finder_patterns_); });
@@ -382,14 +418,15 @@ std::vector<QueryTag> Tagger::Tag(const std::u16string& query) const {
       while (finder_->Search(regex, starts, index, subject, from, &match)) {
         // The next search would begin where this one did and find the same empty match forever.
         if (match.length == 0) throw RegexError("a regex vocabulary pattern matched empty text");
-        add_tag(vocab.vocab, match.start, match.length);
+        if (tags->size() == room) throw TooManyTags(query.size());
+        tags->push_back(
+            {vocab.vocab, static_cast<int32_t>(match.start), static_cast<int32_t>(match.length)});
         from = match.start + match.length;
       }
     }
   }
   // A query far larger than usual does not leave its buffers behind.
   if (query.size() > (size_t{1} << 16)) starts = RegexFinder::Starts();
-  return tags;
 }
 
 }  // namespace rulenlu

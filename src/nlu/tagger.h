@@ -114,17 +114,21 @@ class Tagger {
 
  private:
   class WordTrie;
+  struct Scratch;
 
   struct RegexVocab {
     uint32_t vocab;
     std::vector<Regex> patterns;
   };
 
+  // Appends the regex tags of `query` to `*tags`, in Tag's order. Throws as Tag does, Error
+  // when there are more than `room`.
+  void FindRegexTags(const std::u16string& query, size_t room, std::vector<QueryTag>* tags) const;
+
   std::vector<std::string> vocab_names_;
-  // The words of every vocabulary in one index; the trie names vocabularies by their position
-  // in the vocabulary map, dictionary_vocabs_ by their position in vocab_names_.
+  // The words of every vocabulary in one index, which names vocabularies by their position in
+  // vocab_names_.
   std::unique_ptr<const WordTrie> trie_;
-  std::vector<uint32_t> dictionary_vocabs_;
   // Compiled patterns of each regex vocabulary, in name order; empty when expansion failed.
   std::vector<RegexVocab> regex_vocabs_;
   // The same patterns, one after another, told apart in one pass: most find nothing. Built by
