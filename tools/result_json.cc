@@ -1,5 +1,6 @@
 #include "result_json.h"
 
+#include <algorithm>
 #include <charconv>
 #include <string_view>
 
@@ -16,57 +17,83 @@ char EscapeOf(unsigned char byte) {
   return byte == '"' || byte == '\\' ? static_cast<char>(byte) : 0;
 }
 
-void AppendString(std::string_view text, std::string* out) {
-  out->push_back('"');
-  size_t run = 0;  // start of the bytes not yet written, which need no escape
-  for (size_t i = 0; i < text.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    const char escape = EscapeOf(byte);
-    if (escape == 0) continue;
-    out->append(text.data() + run, i - run);
-    run = i + 1;
-    out->push_back('\\');
-    out->push_back(escape);
-    if (escape == 'u') {
-      constexpr char kHex[] = "0123456789ABCDEF";
-      out->append("00");
-      out->push_back(kHex[byte >> 4]);
-      out->push_back(kHex[byte & 15]);
-    }
-  }
-  out->append(text.data() + run, text.size() - run);
-  out->push_back('"');
-}
+// Writes through a pointer into room made ahead (`Room`): no capacity check per byte.
+class LineWriter {
+ public:
+  // Room for `text` written as a JSON string, at most.
+  static size_t Room(std::string_view text) { return 2 + 6 * text.size(); }
+  static constexpr size_t kIntRoom = 20;
 
-void AppendInt(int64_t value, std::string* out) {
-  char digits[24];
-  const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-  out->append(digits, static_cast<size_t>(end - digits));
-}
+  explicit LineWriter(char* out) : out_(out) {}
+  char* end() const { return out_; }
+
+  template <size_t N>
+  void Literal(const char (&text)[N]) {
+    out_ = std::copy(text, text + N - 1, out_);
+  }
+
+  void String(std::string_view text) {
+    *out_++ = '"';
+    for (const char c : text) {
+      const auto byte = static_cast<unsigned char>(c);
+      const char escape = EscapeOf(byte);
+      if (escape == 0) {
+        *out_++ = c;
+        continue;
+      }
+      *out_++ = '\\';
+      *out_++ = escape;
+      if (escape == 'u') {
+        constexpr char kHex[] = "0123456789ABCDEF";
+        *out_++ = '0';
+        *out_++ = '0';
+        *out_++ = kHex[byte >> 4];
+        *out_++ = kHex[byte & 15];
+      }
+    }
+    *out_++ = '"';
+  }
+
+  void Int(int64_t value) { out_ = std::to_chars(out_, out_ + kIntRoom, value).ptr; }
+
+ private:
+  char* out_;
+};
 
 }  // namespace
 
 void FormatResultJson(const NluResult& result, std::string* out) {
-  out->assign("{\"version\":");
-  AppendInt(result.version, out);
-  out->append(",\"intent\":");
-  AppendString(result.intent, out);
-  out->append(",\"text\":");
-  AppendString(result.text, out);
-  out->append(",\"slots\":[");
+  constexpr size_t kLiterals = 64;  // the object's names and punctuation, and a slot's
+  size_t room = kLiterals + LineWriter::kIntRoom + LineWriter::Room(result.intent) +
+                LineWriter::Room(result.text);
+  for (const NluSlot& slot : result.slots) {
+    room += kLiterals + 2 * LineWriter::kIntRoom + LineWriter::Room(slot.key) +
+            LineWriter::Room(slot.value);
+  }
+  out->resize(room);
+  LineWriter writer(out->data());
+  writer.Literal("{\"version\":");
+  writer.Int(result.version);
+  writer.Literal(",\"intent\":");
+  writer.String(result.intent);
+  writer.Literal(",\"text\":");
+  writer.String(result.text);
+  writer.Literal(",\"slots\":[");
   for (size_t i = 0; i < result.slots.size(); ++i) {
     const NluSlot& slot = result.slots[i];
-    out->append(i == 0 ? "{\"key\":" : ",{\"key\":");
-    AppendString(slot.key, out);
-    out->append(",\"value\":");
-    AppendString(slot.value, out);
-    out->append(",\"start\":");
-    AppendInt(slot.start, out);
-    out->append(",\"length\":");
-    AppendInt(slot.length, out);
-    out->push_back('}');
+    if (i > 0) writer.Literal(",");
+    writer.Literal("{\"key\":");
+    writer.String(slot.key);
+    writer.Literal(",\"value\":");
+    writer.String(slot.value);
+    writer.Literal(",\"start\":");
+    writer.Int(slot.start);
+    writer.Literal(",\"length\":");
+    writer.Int(slot.length);
+    writer.Literal("}");
   }
-  out->append("]}");
+  writer.Literal("]}");
+  out->resize(static_cast<size_t>(writer.end() - out->data()));
 }
 
 }  // namespace rulenlu

@@ -24,6 +24,7 @@ class ToolLogSink : public LogSink {
     std::fwrite(bytes.data(), 1, bytes.size(), stderr);
     line_open_ = bytes.back() != '\n';
   }
+  bool Accepts(LogStream) const override { return !quiet_; }
   // True when the last line written has no line end yet (the engine's printf-style lines).
   bool line_open() const { return line_open_; }
 

@@ -66,7 +66,7 @@ void AppendUtf16ToUtf8(std::u16string_view utf16, std::string* out) {
   // The exact size first (a surrogate counts 2 bytes, so a pair 4), then written in place.
   size_t bytes = 0;
   for (const char16_t unit : utf16) {
-    bytes += unit < 0x80 ? 1 : unit < 0x800 || (unit >= 0xD800 && unit <= 0xDFFF) ? 2 : 3;
+    bytes += 1 + (unit >= 0x80) + (unit >= 0x800) - ((unit & 0xF800) == 0xD800);
   }
   const size_t old_size = out->size();
   out->resize(old_size + bytes);
