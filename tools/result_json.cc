@@ -1,46 +1,99 @@
 #include "result_json.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
+#include <algorithm>
+#include <charconv>
+#include <string_view>
 
 namespace rulenlu {
 namespace {
 
-template <typename Writer>
-void WriteString(Writer& writer, const std::string& text) {
-  writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+// Per byte: 0 when it stands as it is; else the letter after the backslash ('u': \u00XX).
+constexpr char kEscapes[32] = {'u', 'u', 'u', 'u', 'u', 'u', 'u', 'u', 'b', 't', 'n',
+                               'u', 'f', 'r', 'u', 'u', 'u', 'u', 'u', 'u', 'u', 'u',
+                               'u', 'u', 'u', 'u', 'u', 'u', 'u', 'u', 'u', 'u'};
+
+char EscapeOf(unsigned char byte) {
+  if (byte < 0x20) return kEscapes[byte];
+  return byte == '"' || byte == '\\' ? static_cast<char>(byte) : 0;
 }
+
+// Writes through a pointer into room made ahead (`Room`): no capacity check per byte.
+class LineWriter {
+ public:
+  // Room for `text` written as a JSON string, at most.
+  static size_t Room(std::string_view text) { return 2 + 6 * text.size(); }
+  static constexpr size_t kIntRoom = 20;
+
+  explicit LineWriter(char* out) : out_(out) {}
+  char* end() const { return out_; }
+
+  template <size_t N>
+  void Literal(const char (&text)[N]) {
+    out_ = std::copy(text, text + N - 1, out_);
+  }
+
+  void String(std::string_view text) {
+    *out_++ = '"';
+    for (const char c : text) {
+      const auto byte = static_cast<unsigned char>(c);
+      const char escape = EscapeOf(byte);
+      if (escape == 0) {
+        *out_++ = c;
+        continue;
+      }
+      *out_++ = '\\';
+      *out_++ = escape;
+      if (escape == 'u') {
+        constexpr char kHex[] = "0123456789ABCDEF";
+        *out_++ = '0';
+        *out_++ = '0';
+        *out_++ = kHex[byte >> 4];
+        *out_++ = kHex[byte & 15];
+      }
+    }
+    *out_++ = '"';
+  }
+
+  void Int(int64_t value) { out_ = std::to_chars(out_, out_ + kIntRoom, value).ptr; }
+
+ private:
+  char* out_;
+};
 
 }  // namespace
 
 void FormatResultJson(const NluResult& result, std::string* out) {
-  thread_local rapidjson::StringBuffer buffer;  // reused: one result per query
-  buffer.Clear();
-  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-  writer.StartObject();
-  writer.Key("version");
-  writer.Int64(result.version);
-  writer.Key("intent");
-  WriteString(writer, result.intent);
-  writer.Key("text");
-  WriteString(writer, result.text);
-  writer.Key("slots");
-  writer.StartArray();
+  constexpr size_t kLiterals = 64;  // the object's names and punctuation, and a slot's
+  size_t room = kLiterals + LineWriter::kIntRoom + LineWriter::Room(result.intent) +
+                LineWriter::Room(result.text);
   for (const NluSlot& slot : result.slots) {
-    writer.StartObject();
-    writer.Key("key");
-    WriteString(writer, slot.key);
-    writer.Key("value");
-    WriteString(writer, slot.value);
-    writer.Key("start");
-    writer.Int64(slot.start);
-    writer.Key("length");
-    writer.Int64(slot.length);
-    writer.EndObject();
+    room += kLiterals + 2 * LineWriter::kIntRoom + LineWriter::Room(slot.key) +
+            LineWriter::Room(slot.value);
   }
-  writer.EndArray();
-  writer.EndObject();
-  out->assign(buffer.GetString(), buffer.GetSize());
+  out->resize(room);
+  LineWriter writer(out->data());
+  writer.Literal("{\"version\":");
+  writer.Int(result.version);
+  writer.Literal(",\"intent\":");
+  writer.String(result.intent);
+  writer.Literal(",\"text\":");
+  writer.String(result.text);
+  writer.Literal(",\"slots\":[");
+  for (size_t i = 0; i < result.slots.size(); ++i) {
+    const NluSlot& slot = result.slots[i];
+    if (i > 0) writer.Literal(",");
+    writer.Literal("{\"key\":");
+    writer.String(slot.key);
+    writer.Literal(",\"value\":");
+    writer.String(slot.value);
+    writer.Literal(",\"start\":");
+    writer.Int(slot.start);
+    writer.Literal(",\"length\":");
+    writer.Int(slot.length);
+    writer.Literal("}");
+  }
+  writer.Literal("]}");
+  out->resize(static_cast<size_t>(writer.end() - out->data()));
 }
 
 }  // namespace rulenlu

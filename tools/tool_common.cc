@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include "base/error.h"
@@ -23,6 +24,7 @@ class ToolLogSink : public LogSink {
     std::fwrite(bytes.data(), 1, bytes.size(), stderr);
     line_open_ = bytes.back() != '\n';
   }
+  bool Accepts(LogStream) const override { return !quiet_; }
   // True when the last line written has no line end yet (the engine's printf-style lines).
   bool line_open() const { return line_open_; }
 
@@ -71,8 +73,10 @@ bool ForEachQuery(const std::vector<std::string>& queries,
   }
   if (!queries.empty()) return Flush();
   // Stdin read block by block: each block's whole lines are handled before the next read.
-  const auto take = [&](std::string line) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
+  std::string line;  // reused: no allocation per line
+  const auto take = [&](std::string_view text) {
+    if (!text.empty() && text.back() == '\r') text.remove_suffix(1);
+    line.assign(text);
     return handle(line);
   };
   std::string pending;
@@ -85,12 +89,12 @@ bool ForEachQuery(const std::vector<std::string>& queries,
     pending.append(block.data(), static_cast<size_t>(got));
     size_t start = 0;
     for (size_t end; (end = pending.find('\n', start)) != std::string::npos; start = end + 1) {
-      if (!take(pending.substr(start, end - start))) return false;
+      if (!take(std::string_view(pending).substr(start, end - start))) return false;
     }
     pending.erase(0, start);
   }
   // A last line without its "\n".
-  if (!pending.empty() && !take(std::move(pending))) return false;
+  if (!pending.empty() && !take(pending)) return false;
   return Flush();
 }
 

@@ -34,6 +34,7 @@ LogSink& CurrentSink() {
 void SetLogSink(LogSink* sink) { g_sink.store(sink, std::memory_order_release); }
 
 void LogPrintf(const char* format, ...) {
+  if (!CurrentSink().Accepts(LogStream::kStdout)) return;
   char small[512];
   va_list args;
   va_start(args, format);
@@ -58,11 +59,13 @@ void LogPrintf(const char* format, ...) {
 }
 
 void LogLine(LogStream stream, std::initializer_list<std::string_view> parts) {
+  LogSink& sink = CurrentSink();
+  if (!sink.Accepts(stream)) return;
   thread_local std::string line;
   line.clear();
   for (std::string_view part : parts) line.append(part);
   line.push_back('\n');
-  CurrentSink().Write(stream, line);
+  sink.Write(stream, line);
 }
 
 }  // namespace rulenlu

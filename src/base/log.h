@@ -23,6 +23,8 @@ class LogSink {
  public:
   virtual ~LogSink() = default;
   virtual void Write(LogStream stream, std::string_view bytes) = 0;
+  // False when the sink drops every line of `stream`: such lines are not even composed.
+  virtual bool Accepts(LogStream) const { return true; }
 };
 
 // Installs `sink` for all later lines; nullptr restores the default sink. The sink must outlive

@@ -13,21 +13,22 @@
 namespace rulenlu {
 namespace {
 
-// The host-facing form of `candidate`; throws ConversionError on text that cannot be encoded.
-NluResult ToNluResult(const IntentCandidate& candidate) {
+// The host-facing form of `candidate`, whose names it takes; throws ConversionError on text
+// that cannot be encoded, leaving the intent's name in `candidate`.
+NluResult ToNluResult(IntentCandidate* candidate) {
   NluResult result;
-  result.version = candidate.version;
-  result.intent = candidate.intent;
-  result.text = Utf16ToUtf8(candidate.text);
-  result.slots.reserve(candidate.slots.size());
-  for (const SlotMatch& slot : candidate.slots) {
-    NluSlot out;
-    out.key = slot.key;
+  result.version = candidate->version;
+  result.text = Utf16ToUtf8(candidate->text);
+  result.slots.resize(candidate->slots.size());
+  for (size_t i = 0; i < result.slots.size(); ++i) {
+    SlotMatch& slot = candidate->slots[i];
+    NluSlot& out = result.slots[i];
     out.value = Utf16ToUtf8(slot.value);
+    out.key = std::move(slot.key);
     out.start = static_cast<int64_t>(static_cast<uint32_t>(slot.start));
     out.length = static_cast<int64_t>(slot.length);
-    result.slots.push_back(std::move(out));
   }
+  result.intent = std::move(candidate->intent);
   return result;
 }
 
@@ -92,10 +93,10 @@ PipelineOutcome NluEngine::Understand(const std::string& query) const {
 }
 
 NluResult NluEngine::Process(const std::string& query) const {
-  const PipelineOutcome outcome = Understand(query);
+  PipelineOutcome outcome = Understand(query);
   NluResult result;
   try {
-    result = ToNluResult(outcome.candidate);
+    result = ToNluResult(&outcome.candidate);
   } catch (const ConversionError&) {
     // A slot can split a surrogate pair (a regex `.` matches one unit): such text has no UTF-8.
     LogLine(LogStream::kStdout, {"result :", outcome.candidate.intent});

@@ -37,16 +37,28 @@ std::u16string_view RuleTexts::Units(size_t entry) const {
 std::pair<size_t, size_t> RuleTexts::Locate(std::u16string_view text) const {
   const size_t none = entries_.size();
   if (entries_.empty()) return {none, 0};
-  // The last block whose first text is not above `text`.
+  // The last block whose first text is not above `text`. Between two sorted texts, a text
+  // shares with `text` at least as much as both bounds do: comparisons skip that much.
   size_t low = 0, high = (entries_.size() + kBlock - 1) / kBlock;
+  size_t low_common = CommonLength(Units(0), text), high_common = 0;
+  const auto not_above = [&](std::u16string_view first, size_t common) {
+    return common == first.size() || (common < text.size() && first[common] < text[common]);
+  };
+  bool low_not_above = not_above(Units(0), low_common);
   while (high - low > 1) {
     const size_t middle = (low + high) / 2;
-    (Units(middle * kBlock) <= text ? low : high) = middle;
+    const std::u16string_view first = Units(middle * kBlock);
+    const size_t skip = std::min(low_common, high_common);
+    const size_t common = skip + CommonLength(first.substr(skip), text.substr(skip));
+    if (not_above(first, common)) {
+      low = middle, low_common = common, low_not_above = true;
+    } else {
+      high = middle, high_common = common;
+    }
   }
   size_t entry = low * kBlock;
-  std::u16string_view first = Units(entry);
-  size_t common = CommonLength(first, text);
-  if (first > text) return {none, common};  // before every text
+  size_t common = low_common;
+  if (!low_not_above) return {none, common};  // before every text
   // Going on through the block, `common` is what the current text shares with `text`, which
   // it does not follow.
   const size_t end = std::min(entries_.size(), entry + kBlock);
