@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <bitset>
+#include <charconv>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -862,9 +862,11 @@ class Parser {
 };
 
 void AppendHex(unsigned unit, std::string* out) {
-  char buffer[16];
-  std::snprintf(buffer, sizeof buffer, "\\x{%x}", unit);
-  *out += buffer;
+  char digits[8];
+  char* end = std::to_chars(digits, digits + sizeof digits, unit, 16).ptr;
+  *out += "\\x{";
+  out->append(digits, static_cast<size_t>(end - digits));
+  *out += '}';
 }
 
 bool IsAsciiAlnum(unsigned c) {
@@ -1152,6 +1154,11 @@ class FiniteTexts {
       case RegexNode::kConcat:
         *out = {std::u16string()};
         for (const size_t kid : node.kids) {
+          const RegexNode& part = tree_.nodes[kid];
+          if (part.kind == RegexNode::kChar) {
+            if (!Extend(std::u16string_view(&part.unit, 1), out)) return false;
+            continue;
+          }
           std::vector<std::u16string> next;
           if (!From(kid, &next) || !Append(next, out)) return false;
         }
@@ -1190,6 +1197,7 @@ class FiniteTexts {
   // `*texts` followed by each of `next`.
   bool Append(const std::vector<std::u16string>& next, std::vector<std::u16string>* texts) const {
     if (texts->size() * next.size() > most_) return false;
+    if (next.size() == 1) return Extend(next[0], texts);
     std::vector<std::u16string> joined;
     joined.reserve(texts->size() * next.size());
     for (const std::u16string& text : *texts) {
@@ -1199,6 +1207,15 @@ class FiniteTexts {
       }
     }
     texts->swap(joined);
+    return true;
+  }
+
+  // Each of `*texts` followed by `tail`, where it stands: most steps of a literal rule.
+  bool Extend(std::u16string_view tail, std::vector<std::u16string>* texts) const {
+    for (std::u16string& text : *texts) {
+      if (text.size() + tail.size() > most_units_) return false;
+      text += tail;
+    }
     return true;
   }
 
