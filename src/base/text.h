@@ -6,6 +6,8 @@
 #ifndef RULENLU_BASE_TEXT_H_
 #define RULENLU_BASE_TEXT_H_
 
+#include <algorithm>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -22,6 +24,16 @@ std::string Utf16ToUtf8(std::u16string_view utf16);
 // Same as above, appending to `out`; on failure `out` holds a partial result.
 void AppendUtf8ToUtf16(std::string_view utf8, std::u16string* out);
 void AppendUtf16ToUtf8(std::u16string_view utf16, std::string* out);
+
+// The first four units of `text` packed into one number, a unit per 16 bits, the first highest
+// and missing units as 0: texts compare (unit by unit, a prefix first) as their heads do,
+// unless the heads are equal.
+inline uint64_t TextHead(std::u16string_view text) {
+  uint64_t head = 0;
+  const size_t length = std::min<size_t>(text.size(), 4);
+  for (size_t i = 0; i < length; ++i) head |= uint64_t{text[i]} << (48 - 16 * i);
+  return head;
+}
 
 }  // namespace rulenlu
 

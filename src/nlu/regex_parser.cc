@@ -29,15 +29,6 @@ inline void ForEachWord(size_t words, F&& f) {
   for (size_t w = 0; w < words; ++w) f(w);
 }
 
-// The first four units of `text` packed into one number, a unit per 16 bits, the first highest
-// and missing units as 0: texts compare as their heads do, unless the heads are equal.
-uint64_t Head(std::u16string_view text) {
-  uint64_t head = 0;
-  const size_t length = std::min<size_t>(text.size(), 4);
-  for (size_t i = 0; i < length; ++i) head |= uint64_t{text[i]} << (48 - 16 * i);
-  return head;
-}
-
 // "<" key ">" in UTF-16. Throws ConversionError when `key` is not UTF-8.
 std::u16string MakeMarker(const std::string& key) {
   std::u16string marker = u"<";
@@ -239,7 +230,7 @@ void RegexParser::SortTags(std::u16string_view query, std::vector<QueryTag> tags
     } else {
       PreparedTags::TextKey* text_keys = AtLeast(&prepared->text_keys, end - begin);
       for (uint32_t k = begin; k < end; ++k) {
-        text_keys[k - begin] = {Head(text(index(k))), index(k)};
+        text_keys[k - begin] = {TextHead(text(index(k))), index(k)};
       }
       std::sort(text_keys, text_keys + (end - begin), [&](const auto& a, const auto& b) {
         if (a.head != b.head) return a.head < b.head;

@@ -44,15 +44,17 @@ void ForEachWord(const std::map<std::string, WordList>& vocabularies, Visit&& vi
     const WordList* words;
     size_t next;
     std::u16string_view word;  // (*words)[next]
+    uint64_t head;             // TextHead(word): most comparisons need no more
     uint32_t vocab;
   };
   std::vector<Cursor> cursors;
   uint32_t vocab = 0;
   for (const auto& [name, words] : vocabularies) {
-    if (!words.empty()) cursors.push_back({&words, 0, words[0], vocab});
+    if (!words.empty()) cursors.push_back({&words, 0, words[0], TextHead(words[0]), vocab});
     ++vocab;
   }
   const auto before = [](const Cursor& a, const Cursor& b) {
+    if (a.head != b.head) return a.head < b.head;
     const int order = a.word.compare(b.word);
     return order != 0 ? order < 0 : a.vocab < b.vocab;
   };
@@ -77,6 +79,7 @@ void ForEachWord(const std::map<std::string, WordList>& vocabularies, Visit&& vi
     previous = word;
     if (++least.next < least.words->size()) {
       least.word = (*least.words)[least.next];
+      least.head = TextHead(least.word);
     } else {
       least = cursors.back();
       cursors.pop_back();
