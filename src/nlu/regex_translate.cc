@@ -475,7 +475,10 @@ using Node = RegexNode;
 // counts the states of the automaton it would build, to reject exactly what it rejects.
 class Parser {
  public:
-  Parser(std::u16string_view pattern, bool ecma) : scanner_(pattern, ecma), ecma_(ecma) {}
+  Parser(std::u16string_view pattern, bool ecma) : scanner_(pattern, ecma), ecma_(ecma) {
+    // A literal's units and its sequence without regrowth; a long pattern may make few nodes.
+    nodes_.reserve(std::min<size_t>(pattern.size() + 2, 1024));
+  }
 
   size_t Parse() {
     AddStates(1);  // the whole match's group begins
@@ -697,10 +700,14 @@ class Parser {
   }
 
   bool Quantifier(size_t* out) {
+    const Token token = scanner_.token();
+    if (token != Token::kClosure0 && token != Token::kClosure1 && token != Token::kOpt &&
+        token != Token::kIntervalBegin) {
+      return false;  // most atoms: no node made
+    }
     const uint64_t reach = nodes_[*out].reach;
     Node node(Node::kRepeat);
     node.kids = {*out};
-    const Token token = scanner_.token();
     if (token == Token::kClosure0 || token == Token::kClosure1 || token == Token::kOpt) {
       Match(token);
       const char16_t kind = token == Token::kClosure0   ? u'*'
