@@ -56,6 +56,18 @@ class LineWriter {
 
   void Int(int64_t value) { out_ = std::to_chars(out_, out_ + kIntRoom, value).ptr; }
 
+  // `prefix` (punctuation and a member's quoted name), then the member's value.
+  template <size_t N>
+  void Member(const char (&prefix)[N], std::string_view value) {
+    Literal(prefix);
+    String(value);
+  }
+  template <size_t N>
+  void Member(const char (&prefix)[N], int64_t value) {
+    Literal(prefix);
+    Int(value);
+  }
+
  private:
   char* out_;
 };
@@ -72,24 +84,17 @@ void FormatResultJson(const NluResult& result, std::string* out) {
   }
   out->resize(room);
   LineWriter writer(out->data());
-  writer.Literal("{\"version\":");
-  writer.Int(result.version);
-  writer.Literal(",\"intent\":");
-  writer.String(result.intent);
-  writer.Literal(",\"text\":");
-  writer.String(result.text);
+  writer.Member("{\"version\":", result.version);
+  writer.Member(",\"intent\":", result.intent);
+  writer.Member(",\"text\":", result.text);
   writer.Literal(",\"slots\":[");
   for (size_t i = 0; i < result.slots.size(); ++i) {
     const NluSlot& slot = result.slots[i];
     if (i > 0) writer.Literal(",");
-    writer.Literal("{\"key\":");
-    writer.String(slot.key);
-    writer.Literal(",\"value\":");
-    writer.String(slot.value);
-    writer.Literal(",\"start\":");
-    writer.Int(slot.start);
-    writer.Literal(",\"length\":");
-    writer.Int(slot.length);
+    writer.Member("{\"key\":", slot.key);
+    writer.Member(",\"value\":", slot.value);
+    writer.Member(",\"start\":", slot.start);
+    writer.Member(",\"length\":", slot.length);
     writer.Literal("}");
   }
   writer.Literal("]}");
