@@ -281,13 +281,14 @@ class Closer {
                               bool sorted = true) {
     ++stamp_;
     std::vector<uint32_t> out;
-    std::vector<uint32_t> stack;
-    for (const uint32_t s : seeds) Visit(s, &out, &stack);
-    while (!stack.empty()) {
-      const Nfa::State& state = states_[stack.back()];
-      stack.pop_back();
+    out.reserve(2 * seeds.size());
+    stack_.clear();  // kept from call to call: most closures need the same room
+    for (const uint32_t s : seeds) Visit(s, &out, &stack_);
+    while (!stack_.empty()) {
+      const Nfa::State& state = states_[stack_.back()];
+      stack_.pop_back();
       if (!Holds(state.assertion, place)) continue;
-      for (const uint32_t s : state.empty) Visit(s, &out, &stack);
+      for (const uint32_t s : state.empty) Visit(s, &out, &stack_);
     }
     if (sorted) std::sort(out.begin(), out.end());
     return out;
@@ -319,6 +320,7 @@ class Closer {
   const std::vector<Nfa::State>& states_;
   std::vector<uint32_t> seen_;
   uint32_t stamp_ = 0;
+  std::vector<uint32_t> stack_;
 };
 
 }  // namespace
@@ -328,19 +330,37 @@ class AutomatonBuilder {
  public:
   static void SetClasses(const Partition& partition, UnitClasses* classes) {
     classes->count_ = partition.count;
+    // Most blocks lie within one piece, all of one class: those are told apart by that class
+    // alone, without building the block.
+    std::map<uint16_t, uint32_t> uniform_ids;
     std::map<std::vector<uint16_t>, uint32_t> block_ids;
     classes->block_of_.resize(kUnits / 256);
+    std::vector<uint16_t> units(256);
     size_t piece = 0;
     for (uint32_t block = 0; block < kUnits / 256; ++block) {
-      std::vector<uint16_t> units(256);
-      for (uint32_t u = 0; u < 256; ++u) {
-        while (partition.cuts[piece + 1] <= block * 256 + u) ++piece;
-        units[u] = partition.of_piece[piece];
+      const uint32_t begin = block * 256;
+      while (partition.cuts[piece + 1] <= begin) ++piece;
+      const auto next = static_cast<uint32_t>(classes->blocks_.size());
+      uint16_t only = partition.of_piece[piece];
+      bool uniform = partition.cuts[piece + 1] >= begin + 256;
+      if (!uniform) {
+        for (uint32_t u = 0; u < 256; ++u) {
+          while (partition.cuts[piece + 1] <= begin + u) ++piece;
+          units[u] = partition.of_piece[piece];
+        }
+        uniform = std::all_of(units.begin(), units.end(), [&](uint16_t c) { return c == only; });
       }
-      const auto [it, added] =
-          block_ids.emplace(units, static_cast<uint32_t>(classes->blocks_.size()));
-      if (added) classes->blocks_.insert(classes->blocks_.end(), units.begin(), units.end());
-      classes->block_of_[block] = it->second;
+      std::pair<uint32_t, bool> id;  // the block's id, and whether it is new
+      if (uniform) {
+        const auto found = uniform_ids.emplace(only, next);
+        id = {found.first->second, found.second};
+        if (id.second) units.assign(256, only);
+      } else {
+        const auto found = block_ids.emplace(units, next);
+        id = {found.first->second, found.second};
+      }
+      classes->block_of_[block] = id.first;
+      if (id.second) classes->blocks_.insert(classes->blocks_.end(), units.begin(), units.end());
     }
   }
 
