@@ -408,6 +408,8 @@ std::optional<RuleAutomaton> AutomatonBuilder::Rules(const std::vector<const Reg
   }
   // The dead state's row comes first: it stays dead.
   automaton.next_.insert(automaton.next_.begin(), width, RuleAutomaton::kDead);
+  for (uint32_t& to : automaton.next_) to *= static_cast<uint32_t>(width);  // below max_cells
+  automaton.start_row_ = RuleAutomaton::kStart * static_cast<uint32_t>(width);
   automaton.accepts_.resize(sets.size(), RuleAutomaton::kNoMatch);
   for (size_t d = 1; d < sets.size(); ++d) {
     Closer::Place end = d == RuleAutomaton::kStart ? start : inside;
@@ -511,6 +513,7 @@ std::optional<SearchAutomaton> AutomatonBuilder::Search(
       automaton.next_.push_back(it->second);
     }
   }
+  for (uint32_t& to : automaton.next_) to *= static_cast<uint32_t>(width);  // rows, as in Rules
   for (const State& state : all) {
     Closer::Place start;
     start.at_begin = true;

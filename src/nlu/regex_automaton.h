@@ -41,38 +41,41 @@ class RuleAutomaton {
 
   // The length of the longest prefix of `text` that some whole match of a pattern begins with.
   size_t LivePrefix(std::u16string_view text) const {
-    uint32_t state = kStart;
+    uint32_t row = start_row_;
     for (size_t i = 0; i < text.size(); ++i) {
-      state = Step(state, text[i]);
-      if (state == kDead) return i;
+      row = Step(row, text[i]);
+      if (row == kDeadRow) return i;
     }
     return text.size();
   }
 
   // The lowest index of a pattern that matches the whole of `text`, or kNoMatch.
   size_t FirstFullMatch(std::u16string_view text) const {
-    uint32_t state = kStart;
+    uint32_t row = start_row_;
     for (const char16_t unit : text) {
-      state = Step(state, unit);
-      if (state == kDead) return kNoMatch;
+      row = Step(row, unit);
+      if (row == kDeadRow) return kNoMatch;
     }
-    return accepts_[state];
+    return accepts_[row / classes_.size()];
   }
 
  private:
   static constexpr uint32_t kDead = 0;
   static constexpr uint32_t kStart = 1;
+  static constexpr uint32_t kDeadRow = 0;
 
   friend class AutomatonBuilder;
   RuleAutomaton() = default;
 
-  uint32_t Step(uint32_t state, char16_t unit) const {
-    return next_[state * classes_.size() + classes_(unit)];
-  }
+  // States are named by where their rows start in next_: a step is one load, with no
+  // multiplication on the path from one unit to the next.
+  uint32_t Step(uint32_t row, char16_t unit) const { return next_[row + classes_(unit)]; }
 
   UnitClasses classes_;
-  // Per state and class, the next state; per state, the pattern it accepts at the text's end.
+  // Per state and class, the next state's row; per state, the pattern it accepts at the text's
+  // end.
   std::vector<uint32_t> next_;
+  uint32_t start_row_ = 0;
   std::vector<size_t> accepts_;
 };
 
@@ -93,13 +96,13 @@ class SearchAutomaton {
   uint64_t Starts(std::u16string_view text, std::vector<uint64_t>* starts) const {
     starts->resize(text.size() + 1);
     uint64_t any = 0;
-    uint32_t state = kStart;
+    uint32_t row = kStart;  // the start state's row begins at 0
     for (size_t i = text.size(); i > 0; --i) {
-      const size_t cell = state * classes_.size() + classes_(text[i - 1]);
+      const size_t cell = row + classes_(text[i - 1]);
       any |= (*starts)[i] = found_before_[cell];
-      state = next_[cell];
+      row = next_[cell];
     }
-    return any | ((*starts)[0] = found_at_start_[state]);
+    return any | ((*starts)[0] = found_at_start_[row / classes_.size()]);
   }
 
   // Units that \b counts as parts of words: ASCII letters, digits and the underscore.
@@ -115,9 +118,9 @@ class SearchAutomaton {
   SearchAutomaton() = default;
 
   UnitClasses classes_;
-  // The text is read backwards. Per state and class: the next state, and the patterns a match
-  // of which begins just after the unit; per state, those a match of which begins at the
-  // text's start.
+  // The text is read backwards. Per state and class: the next state's row (where its row starts
+  // in next_, as in RuleAutomaton), and the patterns a match of which begins just after the
+  // unit; per state, those a match of which begins at the text's start.
   std::vector<uint32_t> next_;
   std::vector<uint64_t> found_before_;
   std::vector<uint64_t> found_at_start_;
